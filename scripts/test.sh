@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Installs what the build needs, configures, builds and runs every test.
+#   scripts/test.sh            plain build
+#   scripts/test.sh asan       AddressSanitizer + UndefinedBehaviorSanitizer
+#   scripts/test.sh tsan       ThreadSanitizer
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+preset="${1:-default}"
+case "$preset" in
+    default|asan|tsan) ;;
+    *) echo "usage: scripts/test.sh [default|asan|tsan]" >&2; exit 2 ;;
+esac
+
+scripts/install-deps.sh
+cmake --preset "$preset"
+cmake --build --preset "$preset"
+ctest --preset "$preset"

@@ -1,0 +1,12 @@
+#include "DebugLog.h"
+
+#include <QDebug>
+
+namespace comm {
+
+void debugLine(const QString &text)
+{
+    qDebug().noquote() << text;
+}
+
+} // namespace comm

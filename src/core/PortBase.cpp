@@ -1,0 +1,8 @@
+#include "PortBase.h"
+
+PortBase::PortBase()
+    : QObject(nullptr)
+{
+}
+
+PortBase::~PortBase() = default;
