@@ -1,0 +1,30 @@
+# Installs both libraries, their public headers under include/comm_module, a
+# CMake package (find_package(CommModule)) and a pkg-config file (CommModule).
+include(CMakePackageConfigHelpers)
+
+set(COMM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/CommModule)
+
+install(TARGETS Module Comm_Module
+    EXPORT CommModuleTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/comm_module
+)
+install(EXPORT CommModuleTargets NAMESPACE CommModule:: DESTINATION ${COMM_CMAKE_DIR})
+
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/CommModuleConfig.cmake.in
+    ${CMAKE_CURRENT_BINARY_DIR}/CommModuleConfig.cmake
+    INSTALL_DESTINATION ${COMM_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/CommModuleConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${CMAKE_CURRENT_BINARY_DIR}/CommModuleConfig.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/CommModuleConfigVersion.cmake
+    DESTINATION ${COMM_CMAKE_DIR})
+
+# The prefix is found from the .pc file's own place, so the tree works wherever
+# it is installed (cmake --install --prefix ...).
+file(RELATIVE_PATH COMM_PC_PREFIX_FROM_PCDIR "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
+configure_file(${CMAKE_CURRENT_LIST_DIR}/CommModule.pc.in ${CMAKE_CURRENT_BINARY_DIR}/CommModule.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/CommModule.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

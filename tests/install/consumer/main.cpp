@@ -1,0 +1,31 @@
+// A minimal application built against the installed library: it only uses the
+// installed headers and libraries, and checks that they work together.
+#include <PortBase.h>
+#include <CmdDealModule.h>
+#include <ProtocolData.h>
+
+#include <cstdio>
+#include <cstring>
+
+int main()
+{
+    if (std::strcmp(PortBase::staticMetaObject.className(), "PortBase") != 0) {
+        std::puts("consumer: PortBase meta-object missing");
+        return 1;
+    }
+    ProtocolData record;
+    record.commandByte = 0x5A;
+    {
+        std::lock_guard<std::mutex> guard(CmdDealModule::receiveHexCmdlock);
+        CmdDealModule::receivequeueHexCmd.push_back(record);
+    }
+    CmdDealModule module;
+    module.clearQueue();
+    std::lock_guard<std::mutex> guard(CmdDealModule::receiveHexCmdlock);
+    if (!CmdDealModule::receivequeueHexCmd.empty()) {
+        std::puts("consumer: queue not cleared");
+        return 1;
+    }
+    std::puts("consumer: ok");
+    return 0;
+}
