@@ -10,6 +10,10 @@ packages=(
     libbenchmark-dev python3
     iproute2 util-linux
 )
+# scripts/install-deps.sh --fuzz: clang and its fuzzer runtime as well.
+if [ "${1:-}" = "--fuzz" ]; then
+    packages+=(clang libclang-rt-dev)
+fi
 
 missing=()
 for p in "${packages[@]}"; do
