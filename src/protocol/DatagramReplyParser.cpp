@@ -1,0 +1,244 @@
+#include "DatagramReplyParser.h"
+
+#include <algorithm>
+
+#include "CommandFrame.h"
+#include "DebugLog.h"
+#include "HexPairs.h"
+#include "ReplyHandOff.h"
+
+namespace comm {
+
+namespace {
+
+constexpr int kFixedBlockPayload = 129;
+constexpr int kLongFixedBlockPayload = 145;
+
+void zeroReplyFields(ProtocolData &record)
+{
+    record.commandByte = 0;
+    std::fill(std::begin(record.paramBytes), std::end(record.paramBytes), quint8(0));
+    record.checksumByte = 0;
+}
+
+// A datagram that is not a reply at all: no fields, no payload, no text.
+void rejectDatagram(ProtocolData &record)
+{
+    zeroReplyFields(record);
+    record.payload.clear();
+    record.infoText = QStringLiteral("");
+}
+
+// The payload length fixed by the reply's command group, or 0 when the reply
+// announces its own length.
+int fixedBlockPayload(quint8 p2, quint8 p3)
+{
+    if ((p2 == 0x8B && p3 == 0x09) || (p2 == 0x69 && p3 == 0x09) || (p2 == 0x77 && p3 == 0x23))
+        return kFixedBlockPayload;
+    if (p2 == 0x8B && p3 == 0x05)
+        return kLongFixedBlockPayload;
+    return 0;
+}
+
+int announcedLength(const ProtocolData &reply)
+{
+    return combineTwoByte(reply.paramBytes[4], reply.paramBytes[5]);
+}
+
+} // namespace
+
+QString senderText(const QString &addressText)
+{
+    if (addressText.contains(QLatin1String("::ffff:")))
+        return addressText.mid(7);
+    return addressText;
+}
+
+int combineTwoByte(unsigned char low, unsigned char high)
+{
+    return static_cast<qint16>(static_cast<quint16>((high << 8) | low));
+}
+
+ProtocolData parseReplyDatagram(const QByteArray &datagram)
+{
+    ProtocolData record;
+    if (datagram.size() != kReplyDatagramSize) {
+        debugLine(QStringLiteral("datagram.size()!=19 return"));
+        rejectDatagram(record);
+        return record;
+    }
+    if (datagram.at(0) != '[' || datagram.at(1) != 'R') {
+        rejectDatagram(record);
+        debugLine(QStringLiteral("no '[' 'R' "));
+        return record;
+    }
+    int values[kReplyPairs];
+    readHexPairs(datagram.constData() + 2, values);
+    record.commandByte = static_cast<quint8>(values[0]);
+    for (int i = 0; i < 6; ++i)
+        record.paramBytes[i] = static_cast<quint8>(values[1 + i]);
+    record.checksumByte = commandChecksum(record);
+    if (static_cast<quint8>(values[7]) != record.checksumByte) {
+        zeroReplyFields(record);
+        debugLine(QStringLiteral("CHKSUM Wrong return"));
+    }
+    return record;
+}
+
+ReplyAction replyAction(const ProtocolData &reply)
+{
+    const quint8 p1 = reply.paramBytes[0];
+    const quint8 p2 = reply.paramBytes[1];
+    const quint8 p3 = reply.paramBytes[2];
+    const quint8 p5 = reply.paramBytes[4];
+    const quint8 p6 = reply.paramBytes[5];
+    switch (p2) {
+    case 0x8B:
+        return (p3 == 0x05 || p3 == 0x09) ? ReplyAction::Hold : ReplyAction::Queue;
+    case 0x8E:
+        return p3 == 0x27 ? ReplyAction::Hold : ReplyAction::Queue;
+    case 0xF1:
+        return (p3 == 0x40 && p5 == 0 && p6 == 0) ? ReplyAction::DeliverAtOnce : ReplyAction::Hold;
+    case 0x77:
+        return p3 == 0x23 ? ReplyAction::Hold : ReplyAction::Queue;
+    case 0x79:
+        switch (p3) {
+        case 0x09:
+        case 0x0A:
+        case 0x0C:
+        case 0x12:
+        case 0x13:
+        case 0x17:
+            return ReplyAction::DeliverAtOnce;
+        default:
+            return ReplyAction::Hold;
+        }
+    case 0x69:
+        return p3 == 0x09 ? ReplyAction::Hold : ReplyAction::Queue;
+    case 0x00:
+        return (p1 == 0 && reply.checksumByte == 0) ? ReplyAction::BlockData : ReplyAction::Queue;
+    default:
+        return ReplyAction::Queue;
+    }
+}
+
+std::optional<ProtocolData> combineReplyWithBlock(const QByteArray &blockData, const QByteArray &heldReply)
+{
+    if (heldReply.isEmpty() || blockData.isEmpty())
+        return std::nullopt;
+    ProtocolData record = parseReplyDatagram(heldReply);
+    const int fixed = fixedBlockPayload(record.paramBytes[1], record.paramBytes[2]);
+    if (fixed > 0) {
+        record.payload = blockData.left(fixed);
+        return record;
+    }
+    const int length = announcedLength(record);
+    // Zero announces nothing, and a negative length can never be gathered.
+    if (length <= 0 || blockData.size() < length)
+        return std::nullopt;
+    record.payload = blockData.left(length);
+    return record;
+}
+
+void combineAndDeliver(const QByteArray &blockData, const QByteArray &heldReply, const ReplyHandOff &handOff)
+{
+    if (const std::optional<ProtocolData> record = combineReplyWithBlock(blockData, heldReply))
+        handOff.deliver(*record);
+    else
+        setRetFlagStatus(true);
+}
+
+ReplyActions::~ReplyActions() = default;
+
+HandOffReplyActions::HandOffReplyActions(ReplyHandOff &handOff)
+    : m_handOff(handOff)
+{
+}
+
+void HandOffReplyActions::queueReply(const ProtocolData &record)
+{
+    m_handOff.deliverDetached(record);
+}
+
+void HandOffReplyActions::deliverReplyNow(const ProtocolData &record)
+{
+    m_handOff.deliver(record);
+}
+
+void HandOffReplyActions::combineBlock(const QByteArray &blockData, const QByteArray &heldReply)
+{
+    const ReplyHandOff &handOff = m_handOff;
+    m_handOff.runDetached([&handOff, blockData, heldReply] { combineAndDeliver(blockData, heldReply, handOff); });
+}
+
+DatagramReplyParser::DatagramReplyParser(HeldReplyBuffers buffers, ReplyActions &actions)
+    : m_buffers(buffers)
+    , m_actions(actions)
+{
+}
+
+void DatagramReplyParser::takeDatagram(const QByteArray &datagram, const QString &sender,
+                                       ModulelEnum::DeviceType deviceType)
+{
+    {
+        std::lock_guard<std::mutex> guard(m_buffers.lock);
+        m_buffers.lastDatagram = datagram;
+    }
+    debugLine(labelledText(QStringLiteral("Recv data:"), datagram));
+    debugLine(QStringLiteral("host ip:") + sender);
+
+    ProtocolData record = parseReplyDatagram(datagram);
+    record.hostText = sender;
+    record.linkByte = 0;
+    record.sourceText = sender;
+    record.deviceType = deviceType;
+
+    switch (replyAction(record)) {
+    case ReplyAction::Queue:
+        m_actions.queueReply(record);
+        break;
+    case ReplyAction::DeliverAtOnce:
+        m_actions.deliverReplyNow(record);
+        break;
+    case ReplyAction::Hold:
+        hold(datagram);
+        break;
+    case ReplyAction::BlockData:
+        takeBlockData(datagram);
+        break;
+    }
+}
+
+void DatagramReplyParser::hold(const QByteArray &datagram)
+{
+    // Replaces a reply held earlier; block data gathered so far stays and
+    // counts toward this one.
+    std::lock_guard<std::mutex> guard(m_buffers.lock);
+    m_buffers.pendingStdReply = datagram;
+}
+
+void DatagramReplyParser::takeBlockData(const QByteArray &datagram)
+{
+    QByteArray heldReply;
+    {
+        std::lock_guard<std::mutex> guard(m_buffers.lock);
+        heldReply = m_buffers.pendingStdReply;
+    }
+    // Parsed again here for its announced length; an empty held reply logs
+    // its size and announces 0.
+    const ProtocolData held = parseReplyDatagram(heldReply);
+    QByteArray blockData;
+    {
+        std::lock_guard<std::mutex> guard(m_buffers.lock);
+        m_buffers.blockBuffer.append(datagram);
+        if (m_buffers.blockBuffer.size() < announcedLength(held))
+            return; // wait for further block datagrams
+        blockData = m_buffers.blockBuffer;
+    }
+    m_actions.combineBlock(blockData, heldReply);
+    std::lock_guard<std::mutex> guard(m_buffers.lock);
+    m_buffers.pendingStdReply.clear();
+    m_buffers.blockBuffer.clear();
+}
+
+} // namespace comm

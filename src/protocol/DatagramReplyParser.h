@@ -1,0 +1,122 @@
+#pragma once
+
+#include <mutex>
+#include <optional>
+
+#include <QByteArray>
+#include <QString>
+
+#include "ModulelEnum.h"
+#include "ProtocolData.h"
+
+namespace comm {
+
+class ReplyHandOff;
+
+// A reply datagram: "[" "R", command byte, six parameter bytes and check byte
+// as 16 hex digits, and one byte that is never examined.
+constexpr int kReplyDatagramSize = 19;
+
+// The sender as replies record and log it: an IPv4-mapped IPv6 address
+// ("::ffff:" anywhere in the text) is shown from its 8th character on, which
+// leaves the bare IPv4 text; any other address text is kept whole.
+QString senderText(const QString &addressText);
+
+// The signed 16-bit value (high << 8) | low, widened to int: 0xFF, 0xFF is -1.
+// Replies announce their block length this way, low byte first.
+int combineTwoByte(unsigned char low, unsigned char high);
+
+// Parses one reply datagram into a fresh record: the command byte, the six
+// parameter bytes and, in the check byte, their 8-bit sum. A datagram of the
+// wrong size, without the "[" "R" markers or with a wrong check byte leaves
+// those fields at 0 and logs why ("datagram.size()!=19 return",
+// "no '[' 'R' ", "CHKSUM Wrong return"); the first two also empty the payload
+// and the third text member.
+ProtocolData parseReplyDatagram(const QByteArray &datagram);
+
+// What becomes of a parsed datagram, decided by its parameter bytes.
+enum class ReplyAction {
+    Queue,         // hand the record over from a detached thread
+    DeliverAtOnce, // hand the record over before the next datagram is read
+    Hold,          // keep the datagram until its announced block data is in
+    BlockData,     // the datagram is block data for the held reply
+};
+
+// The dispatch on P2, then P3 (and P1, P5, P6 and the check byte where they
+// matter). 0xF1 and 0x79 hold on every P3 but the listed ones; the other
+// command groups hold only on the listed ones.
+ReplyAction replyAction(const ProtocolData &reply);
+
+// Joins a held reply datagram and the block data gathered for it into one
+// record, whose payload is the first 129 bytes (P2/P3 8B/09, 69/09, 77/23),
+// the first 145 bytes (8B/05), or otherwise the first L bytes, L being the
+// signed length in P5 (low) and P6 (high). Returns nothing when either input
+// is empty, when L is 0 or negative, or when fewer than L bytes are there: the
+// waiting side is then only woken. The fixed rows take what there is.
+// The record keeps the sender text and device type of a fresh record.
+std::optional<ProtocolData> combineReplyWithBlock(const QByteArray &blockData, const QByteArray &heldReply);
+
+// combineReplyWithBlock, then hands the record over through handOff (which
+// drops it while the deal flag is false) or, when there is none, raises the
+// reply-arrived flag so that the waiting side finds no reply.
+void combineAndDeliver(const QByteArray &blockData, const QByteArray &heldReply, const ReplyHandOff &handOff);
+
+// Where the parser's decisions go.
+class ReplyActions
+{
+public:
+    virtual ~ReplyActions();
+    virtual void queueReply(const ProtocolData &record) = 0;
+    virtual void deliverReplyNow(const ProtocolData &record) = 0;
+    // Combine blockData with heldReply (combineAndDeliver), away from the reading thread.
+    virtual void combineBlock(const QByteArray &blockData, const QByteArray &heldReply) = 0;
+};
+
+// The network transport's actions: detached and inline hand-offs and detached
+// block combination, all counted by one ReplyHandOff.
+class HandOffReplyActions : public ReplyActions
+{
+public:
+    explicit HandOffReplyActions(ReplyHandOff &handOff);
+    void queueReply(const ProtocolData &record) override;
+    void deliverReplyNow(const ProtocolData &record) override;
+    void combineBlock(const QByteArray &blockData, const QByteArray &heldReply) override;
+
+private:
+    ReplyHandOff &m_handOff;
+};
+
+// The buffers reply parsing keeps between datagrams. They belong to the
+// transport, which also clears them when it rebuilds its socket; lock guards
+// them against that.
+struct HeldReplyBuffers {
+    QByteArray &lastDatagram;    // the datagram read last
+    QByteArray &pendingStdReply; // the held reply datagram; empty while idle
+    QByteArray &blockBuffer;     // block data gathered for the held reply
+    std::mutex &lock;
+};
+
+// Turns the datagrams of the network link into reply records. It is idle
+// until a reply announces block data; that reply is then held (a later one
+// replaces it) and block datagrams are gathered until the announced length is
+// in, when reply and block data are combined and the parser is idle again.
+// Block data that arrives while idle meets an empty held reply, expects
+// nothing, and is dropped by a combine that only wakes the waiting side.
+class DatagramReplyParser
+{
+public:
+    DatagramReplyParser(HeldReplyBuffers buffers, ReplyActions &actions);
+
+    // One datagram as read from the socket, with its sender's address text
+    // and the device type to stamp on the record.
+    void takeDatagram(const QByteArray &datagram, const QString &senderText, ModulelEnum::DeviceType deviceType);
+
+private:
+    void hold(const QByteArray &datagram);
+    void takeBlockData(const QByteArray &datagram);
+
+    HeldReplyBuffers m_buffers;
+    ReplyActions &m_actions;
+};
+
+} // namespace comm

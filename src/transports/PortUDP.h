@@ -1,0 +1,4 @@
+#pragma once
+
+// The network transport, PortUDP.
+#include "core_udp.h"

@@ -1,0 +1,279 @@
+#include "core_udp.h"
+
+#include <QNetworkInterface>
+#include <QUdpSocket>
+
+#include "CommandFrame.h"
+#include "DatagramReplyParser.h"
+#include "DatagramSend.h"
+#include "DebugLog.h"
+#include "FrameHexText.h"
+#include "LocalAddress.h"
+#include "ReplyHandOff.h"
+
+std::mutex PortUDP::stdCMDlock;
+
+namespace {
+const char kDefaultDeviceAddress[] = "100.100.100.100";
+constexpr int kReceiveBufferSize = 4096;
+
+void reportSend(PortUDP &port, const comm::SendOutcome &outcome)
+{
+    comm::debugLine(QString::fromLatin1(outcome.logText));
+    if (outcome.rebuildSocket)
+        emit port.signalReInitUdp(); // queued: the rebuild runs after this send has returned
+}
+} // namespace
+
+// Reply parsing and the hand-offs it starts, over the transport's buffers.
+struct PortUDP::ReplyPath {
+    explicit ReplyPath(PortUDP &port)
+        : handOff(port.m_dealFlag, comm::ReplyHandOff::Gate::DealFlag)
+        , actions(handOff)
+        , parser({port.m_lastDatagram, port.m_pendingStdReply, port.m_blockBuffer, PortUDP::stdCMDlock}, actions)
+    {
+    }
+
+    comm::ReplyHandOff handOff;
+    comm::HandOffReplyActions actions;
+    comm::DatagramReplyParser parser;
+};
+
+PortUDP::PortUDP()
+    : m_reply(std::make_unique<ReplyPath>(*this))
+{
+    initUdp();
+    m_deviceIP = QString::fromLatin1(kDefaultDeviceAddress);
+}
+
+PortUDP::~PortUDP()
+{
+    // Destructors do not throw here; should a step throw all the same, the
+    // process ends rather than leave a half-destroyed transport behind.
+    disconnect(this, &PortUDP::signalReInitUdp, this, &PortUDP::reInitUdp);
+    {
+        std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        tearDownSocket(Rebuild::DropDeviceAddress);
+    }
+    // Hand-offs, block combinations and queue clearing refer to this object.
+    m_reply->handOff.waitForDetachedWork();
+}
+
+void PortUDP::initUdp()
+{
+    // Looked up as always, but never bound to: the socket takes an ephemeral
+    // port on its first send, and replies come back to that port.
+    const QString localAddress = comm::localIPv4Address(QNetworkInterface::allAddresses());
+    Q_UNUSED(localAddress)
+
+    m_udpSocket = new QUdpSocket();
+    // On a socket that is not bound yet Qt keeps nothing of this option.
+    m_udpSocket->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, kReceiveBufferSize);
+    connect(m_udpSocket, &QUdpSocket::readyRead, this, &PortUDP::readPendingDatagrams, Qt::AutoConnection);
+    // Made again on every build and only removed by the destructor: after n
+    // rebuilds one emission queues n + 1 rebuilds.
+    connect(this, &PortUDP::signalReInitUdp, this, &PortUDP::reInitUdp, Qt::QueuedConnection);
+}
+
+void PortUDP::tearDownSocket(Rebuild kind)
+{
+    if (m_udpSocket) {
+        disconnect(m_udpSocket, &QUdpSocket::readyRead, this, &PortUDP::readPendingDatagrams);
+        // Drops buffered input. A UDP socket that is not connected is never
+        // open for reading, and Qt would only warn about it.
+        if (kind == Rebuild::DropDeviceAddress && m_udpSocket->isOpen())
+            m_udpSocket->readAll();
+        m_udpSocket->close();
+    }
+    {
+        std::lock_guard<std::mutex> guard(stdCMDlock);
+        m_blockBuffer.clear();
+        m_lastDatagram.clear();
+        if (kind == Rebuild::DropDeviceAddress)
+            m_deviceIP.clear();
+        m_pendingStdReply.clear();
+        m_spareBuffer.clear();
+    }
+    delete m_udpSocket;
+    m_udpSocket = nullptr;
+}
+
+void PortUDP::rebuildSocket(Rebuild kind)
+{
+    std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
+    tearDownSocket(kind);
+    initUdp();
+}
+
+void PortUDP::reInitUdp()
+{
+    rebuildSocket(Rebuild::DropDeviceAddress);
+}
+
+void PortUDP::reInitUdpZabrel()
+{
+    rebuildSocket(Rebuild::KeepDeviceAddress);
+}
+
+void PortUDP::setDeviceIP(QString ip)
+{
+    std::lock_guard<std::mutex> guard(stdCMDlock);
+    m_deviceIP = ip;
+}
+
+void PortUDP::setPort(int port)
+{
+    std::lock_guard<std::mutex> guard(stdCMDlock);
+    m_port = port;
+}
+
+void PortUDP::clearQueue()
+{
+    m_reply->handOff.clearQueueDetached(m_cmdDeal);
+}
+
+void PortUDP::setDeviceType(ModulelEnum::DeviceType type)
+{
+    m_deviceType.store(type);
+}
+
+bool PortUDP::openSerialPort(QString, QSerialPort::BaudRate, QSerialPort::StopBits, QSerialPort::Parity,
+                             QSerialPort::FlowControl, QSerialPort::DataBits)
+{
+    return false;
+}
+
+void PortUDP::closeSerialPort() {}
+
+bool PortUDP::openUSB(unsigned short, unsigned short)
+{
+    return false;
+}
+
+void PortUDP::closeUSB() {}
+
+void PortUDP::sendDatatoDevice(void *parameters)
+{
+    const ProtocolData record = *static_cast<const ProtocolData *>(parameters);
+    const quint8 mode = record.sendMode;
+    if (mode != 0 && mode != 1) {
+        comm::debugLine(QStringLiteral("Send data abnormal"));
+        return;
+    }
+    const QByteArray frame = produceCmds(record);
+    if (mode == 0)
+        sendUdpData(frame);
+    else
+        sendUdpDataBroadcast(frame);
+    comm::debugLine(comm::labelledText(QStringLiteral("Send data:"), frame));
+}
+
+qint64 PortUDP::writeDatagramTo(const char *bytes, qint64 size, const QHostAddress &address, quint16 port)
+{
+    // Qt would send a datagram for a null address to the local host; the
+    // network link reports it as a failed write instead.
+    if (address.isNull() || !m_udpSocket)
+        return -1;
+    return m_udpSocket->writeDatagram(bytes, size, address, port);
+}
+
+void PortUDP::sendUdpData(QByteArray data)
+{
+    QString deviceIP;
+    quint16 port = 0;
+    {
+        std::lock_guard<std::mutex> guard(stdCMDlock);
+        deviceIP = m_deviceIP;
+        port = static_cast<quint16>(m_port);
+    }
+    const QHostAddress address(deviceIP);
+    int sent = 0;
+    {
+        std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        sent = comm::writeInDatagrams(data, [&](const char *bytes, int size, int) {
+            return writeDatagramTo(bytes, size, address, port);
+        });
+    }
+    reportSend(*this, comm::unicastOutcome(sent, data.size()));
+}
+
+void PortUDP::sendUdpDataBroadcast(QByteArray data)
+{
+    quint16 port = 0;
+    {
+        std::lock_guard<std::mutex> guard(stdCMDlock);
+        port = static_cast<quint16>(m_port);
+    }
+    qint64 result = 0;
+    {
+        std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        result = writeDatagramTo(data.constData(), data.size(), QHostAddress(QHostAddress::Broadcast), port);
+    }
+    reportSend(*this, comm::broadcastOutcome(result, data.size()));
+}
+
+void PortUDP::readPendingDatagrams()
+{
+    while (true) {
+        QByteArray datagram;
+        QHostAddress sender;
+        {
+            std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
+            if (!m_udpSocket || !m_udpSocket->hasPendingDatagrams())
+                return;
+            const qint64 size = m_udpSocket->pendingDatagramSize();
+            datagram.resize(static_cast<int>(qMax<qint64>(size, 0)));
+            const qint64 read = m_udpSocket->readDatagram(datagram.data(), datagram.size(), &sender);
+            if (read < 0)
+                return;
+            datagram.truncate(static_cast<int>(read));
+        }
+        m_reply->parser.takeDatagram(datagram, comm::senderText(sender.toString()), m_deviceType.load());
+    }
+}
+
+QString PortUDP::autoRec(QString text)
+{
+    while (text.size() < 2)
+        text.prepend(QLatin1Char('0'));
+    return text;
+}
+
+void PortUDP::senToUipro(void *) {}
+
+void PortUDP::processInfoDisplayonUI(void *) {}
+
+QByteArray PortUDP::produceCmds(ProtocolData record)
+{
+    return comm::produceCmds(record);
+}
+
+QByteArray PortUDP::changeData(QByteArray bytes)
+{
+    return comm::changeData(bytes);
+}
+
+ProtocolData PortUDP::getArrayData(QByteArray datagram)
+{
+    return comm::parseReplyDatagram(datagram);
+}
+
+void PortUDP::combineSTDCMDandBloackCMD(QByteArray blockData, QByteArray heldReply)
+{
+    comm::combineAndDeliver(blockData, heldReply, m_reply->handOff);
+}
+
+int PortUDP::combineTwoByte(unsigned char low, unsigned char high)
+{
+    return comm::combineTwoByte(low, high);
+}
+
+void PortUDP::addToReceivedQueue(ProtocolData record)
+{
+    m_reply->handOff.deliver(record);
+}
+
+void PortUDP::setRetFlagStatus(bool value)
+{
+    comm::setRetFlagStatus(value);
+}
