@@ -184,8 +184,8 @@ void DatagramReplyParser::takeDatagram(const QByteArray &datagram, const QString
         std::lock_guard<std::mutex> guard(m_buffers.lock);
         m_buffers.lastDatagram = datagram;
     }
-    debugLine(labelledText(QStringLiteral("Recv data:"), datagram));
-    debugLine(QStringLiteral("host ip:") + sender);
+    debugLine(QStringLiteral("Recv data:"), datagram);
+    debugLine(QStringLiteral("host ip:"), sender);
 
     ProtocolData record = parseReplyDatagram(datagram);
     record.hostText = sender;

@@ -165,7 +165,7 @@ void PortUDP::sendDatatoDevice(void *parameters)
         sendUdpData(frame);
     else
         sendUdpDataBroadcast(frame);
-    comm::debugLine(comm::labelledText(QStringLiteral("Send data:"), frame));
+    comm::debugLine(QStringLiteral("Send data:"), frame);
 }
 
 qint64 PortUDP::writeDatagramTo(const char *bytes, qint64 size, const QHostAddress &address, quint16 port)

@@ -1,6 +1,7 @@
 // A minimal application built against the installed library: it only uses the
 // installed headers and libraries, and checks that they work together.
 #include <PortBase.h>
+#include <PortUDP.h>
 #include <CmdDealModule.h>
 #include <ProtocolData.h>
 
@@ -11,6 +12,10 @@ int main()
 {
     if (std::strcmp(PortBase::staticMetaObject.className(), "PortBase") != 0) {
         std::puts("consumer: PortBase meta-object missing");
+        return 1;
+    }
+    if (PortUDP::staticMetaObject.superClass() != &PortBase::staticMetaObject) {
+        std::puts("consumer: PortUDP meta-object missing");
         return 1;
     }
     ProtocolData record;
