@@ -167,8 +167,14 @@ void HandOffReplyActions::deliverReplyNow(const ProtocolData &record)
 
 void HandOffReplyActions::combineBlock(const QByteArray &blockData, const QByteArray &heldReply)
 {
+    // The worker gets bytes of its own, shared with no buffer the reading
+    // thread goes on clearing and refilling: otherwise the last release of
+    // shared bytes could happen inside Qt on the reading thread, out of sight
+    // of ThreadSanitizer, after the worker had let them go.
+    const QByteArray block(blockData.constData(), blockData.size());
+    const QByteArray held(heldReply.constData(), heldReply.size());
     const ReplyHandOff &handOff = m_handOff;
-    m_handOff.runDetached([&handOff, blockData, heldReply] { combineAndDeliver(blockData, heldReply, handOff); });
+    m_handOff.runDetached([&handOff, block, held] { combineAndDeliver(block, held, handOff); });
 }
 
 DatagramReplyParser::DatagramReplyParser(HeldReplyBuffers buffers, ReplyActions &actions)

@@ -159,6 +159,7 @@ private slots:
 
     // Lifetime
     void destructorWaitsForDetachedHandOff();
+    void destructorWaitsForDetachedCombination();
     void clearQueueReturnsBeforeClearingAndEndsBeforeDestructor();
 
 private:
@@ -857,6 +858,21 @@ void TestPortUDP::destructorWaitsForDetachedHandOff()
     lock.releaseSoon();
     m_port.reset();
     QCOMPARE(receiveQueue::length(), size_t(1));
+}
+
+void TestPortUDP::destructorWaitsForDetachedCombination()
+{
+    QVERIFY(linkUp());
+    QVERIFY(receive(replies::reply(0x44, 0x00, 0x77, 0x23, 0x00, 0x81, 0x00)));
+    QVERIFY(m_device->reply(replies::blockBytes(129)) == 129 && m_port->waitForPendingDatagram());
+    QueueLockHolder lock;
+    QTRY_VERIFY(lock.isLocked());
+    m_port->readPendingDatagrams(); // the combination now waits for the queue lock
+    QVERIFY(m_port->blockBuffer().isEmpty());
+    lock.releaseSoon();
+    m_port.reset();
+    QCOMPARE(receiveQueue::length(), size_t(1));
+    QCOMPARE(receiveQueue::records().front().payload, replies::blockBytes(129));
 }
 
 void TestPortUDP::clearQueueReturnsBeforeClearingAndEndsBeforeDestructor()
