@@ -24,8 +24,8 @@ class TestReplyHandOff : public QObject
     Q_OBJECT
 
 private slots:
-    void init() { receiveQueue::reset(); }
-    void cleanupTestCase() { receiveQueue::reset(); }
+    void init() { testqueue::reset(); }
+    void cleanupTestCase() { testqueue::reset(); }
 
     void dealFlagFalseLeavesQueueAndFlagUnchangedForGatedHandOff();
     void dealFlagFalseStillQueuesForUngatedHandOff();
@@ -45,8 +45,8 @@ void TestReplyHandOff::dealFlagFalseLeavesQueueAndFlagUnchangedForGatedHandOff()
     handOff.deliver(reply(1));
     handOff.deliverDetached(reply(2));
     handOff.waitForDetachedWork();
-    QCOMPARE(receiveQueue::length(), size_t(0));
-    QCOMPARE(receiveQueue::replyFlag(), false);
+    QCOMPARE(testqueue::length(), size_t(0));
+    QCOMPARE(testqueue::replyFlag(), false);
 }
 
 void TestReplyHandOff::dealFlagFalseStillQueuesForUngatedHandOff()
@@ -54,8 +54,8 @@ void TestReplyHandOff::dealFlagFalseStillQueuesForUngatedHandOff()
     std::atomic<bool> dealFlag{false};
     comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::Always);
     handOff.deliver(reply(1));
-    QCOMPARE(receiveQueue::length(), size_t(1));
-    QCOMPARE(receiveQueue::replyFlag(), true);
+    QCOMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(testqueue::replyFlag(), true);
 }
 
 void TestReplyHandOff::deliverAppendsRecordAndRaisesFlag()
@@ -64,10 +64,10 @@ void TestReplyHandOff::deliverAppendsRecordAndRaisesFlag()
     comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::DealFlag);
     handOff.deliver(reply(7));
     comm::setRetFlagStatus(false);
-    const size_t before = receiveQueue::length();
+    const size_t before = testqueue::length();
     handOff.deliver(reply(9, 3));
-    QCOMPARE(receiveQueue::replyFlag(), true);
-    QCOMPARE(receiveQueue::length(), before + 1);
+    QCOMPARE(testqueue::replyFlag(), true);
+    QCOMPARE(testqueue::length(), before + 1);
     std::lock_guard<std::mutex> guard(CmdDealModule::receiveHexCmdlock);
     const ProtocolData &last = CmdDealModule::receivequeueHexCmd.back();
     QCOMPARE(last.commandByte, quint8(9));
@@ -78,9 +78,9 @@ void TestReplyHandOff::deliverAppendsRecordAndRaisesFlag()
 void TestReplyHandOff::setRetFlagStatusSetsFlag()
 {
     comm::setRetFlagStatus(true);
-    QCOMPARE(receiveQueue::replyFlag(), true);
+    QCOMPARE(testqueue::replyFlag(), true);
     comm::setRetFlagStatus(false);
-    QCOMPARE(receiveQueue::replyFlag(), false);
+    QCOMPARE(testqueue::replyFlag(), false);
 }
 
 void TestReplyHandOff::deliverDetachedQueuesRecordFromAnotherThread()
@@ -95,8 +95,8 @@ void TestReplyHandOff::deliverDetachedQueuesRecordFromAnotherThread()
     QCOMPARE(handOff.detachedWorkRunning(), 1);
     held.unlock();
     handOff.waitForDetachedWork();
-    QCOMPARE(receiveQueue::length(), size_t(1));
-    QCOMPARE(receiveQueue::replyFlag(), true);
+    QCOMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(testqueue::replyFlag(), true);
 }
 
 void TestReplyHandOff::handOffTakesQueueLockBeforeFlagLock()
@@ -123,8 +123,8 @@ void TestReplyHandOff::handOffTakesQueueLockBeforeFlagLock()
     QCOMPARE(CmdDealModule::bRetFlag, false);
     flagHeld.unlock();
     handOff.waitForDetachedWork();
-    QCOMPARE(receiveQueue::length(), size_t(1));
-    QCOMPARE(receiveQueue::replyFlag(), true);
+    QCOMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(testqueue::replyFlag(), true);
 }
 
 void TestReplyHandOff::clearQueueReturnsBeforeClearingRuns()
@@ -138,7 +138,7 @@ void TestReplyHandOff::clearQueueReturnsBeforeClearingRuns()
     handOff.clearQueueDetached(module); // returns although the queue lock is held here
     QCOMPARE(CmdDealModule::receivequeueHexCmd.size(), size_t(2));
     held.unlock();
-    QTRY_COMPARE_WITH_TIMEOUT(receiveQueue::length(), size_t(0), 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(0), 5000);
     handOff.waitForDetachedWork();
 }
 

@@ -70,8 +70,8 @@ class TestDatagramReplyParser : public QObject
     Q_OBJECT
 
 private slots:
-    void init() { receiveQueue::reset(); }
-    void cleanupTestCase() { receiveQueue::reset(); }
+    void init() { testqueue::reset(); }
+    void cleanupTestCase() { testqueue::reset(); }
 
     // One datagram
     void validReplyGivesFieldsAndComputedCheckByte();
@@ -424,9 +424,9 @@ void TestDatagramReplyParser::combineAndDeliverAppendsAndRaisesFlag()
     comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::DealFlag);
     const QByteArray block = replies::blockBytes(160);
     comm::combineAndDeliver(block, replies::reply(0x22, 0, 0x69, 0x09, 0, 0x81, 0), handOff);
-    QCOMPARE(receiveQueue::length(), size_t(1));
-    QVERIFY(receiveQueue::replyFlag());
-    QCOMPARE(receiveQueue::records().back().payload, block.left(129));
+    QCOMPARE(testqueue::length(), size_t(1));
+    QVERIFY(testqueue::replyFlag());
+    QCOMPARE(testqueue::records().back().payload, block.left(129));
 }
 
 void TestDatagramReplyParser::combineAndDeliverWithDealFlagFalseAppendsNothing()
@@ -434,8 +434,8 @@ void TestDatagramReplyParser::combineAndDeliverWithDealFlagFalseAppendsNothing()
     std::atomic<bool> dealFlag{false};
     comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::DealFlag);
     comm::combineAndDeliver(replies::blockBytes(160), replies::reply(0x22, 0, 0x69, 0x09, 0, 0x81, 0), handOff);
-    QCOMPARE(receiveQueue::length(), size_t(0));
-    QVERIFY(!receiveQueue::replyFlag());
+    QCOMPARE(testqueue::length(), size_t(0));
+    QVERIFY(!testqueue::replyFlag());
 }
 
 void TestDatagramReplyParser::combineWithoutRecordRaisesFlagWhateverTheDealFlag()
@@ -443,8 +443,8 @@ void TestDatagramReplyParser::combineWithoutRecordRaisesFlagWhateverTheDealFlag(
     std::atomic<bool> dealFlag{false};
     comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::DealFlag);
     comm::combineAndDeliver(replies::blockBytes(10), replies::reply(0x22, 0, 0x8E, 0x27, 0, 0, 0), handOff);
-    QCOMPARE(receiveQueue::length(), size_t(0));
-    QVERIFY(receiveQueue::replyFlag());
+    QCOMPARE(testqueue::length(), size_t(0));
+    QVERIFY(testqueue::replyFlag());
 }
 
 void TestDatagramReplyParser::handOffActionsCombineOnDetachedThread()
@@ -461,9 +461,9 @@ void TestDatagramReplyParser::handOffActionsCombineOnDetachedThread()
         QCOMPARE(CmdDealModule::receivequeueHexCmd.size(), size_t(0));
     }
     handOff.waitForDetachedWork();
-    QCOMPARE(receiveQueue::length(), size_t(2));
+    QCOMPARE(testqueue::length(), size_t(2));
     actions.deliverReplyNow(ProtocolData());
-    QCOMPARE(receiveQueue::length(), size_t(3));
+    QCOMPARE(testqueue::length(), size_t(3));
 }
 
 void TestDatagramReplyParser::logsReceivedBytesThenSender()

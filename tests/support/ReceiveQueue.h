@@ -1,39 +1,19 @@
 #pragma once
 
-#include <deque>
-#include <mutex>
+#include <cstddef>
+#include <vector>
 
-#include "CmdDealModule.h"
+#include "ProtocolData.h"
 
-// The command module's receive queue and reply-arrived flag as tests look at
-// them: each read takes the lock that guards it.
-namespace receiveQueue {
+// The command module's shared receive queue, seen from a test. Every call
+// takes the queue's locks the way the library does.
+namespace testqueue {
 
-inline size_t length()
-{
-    std::lock_guard<std::mutex> guard(CmdDealModule::receiveHexCmdlock);
-    return CmdDealModule::receivequeueHexCmd.size();
-}
+std::size_t length();
+// Copies of the queued records, oldest first.
+std::vector<ProtocolData> records();
+bool replyFlag();
+// Empties the queue and lowers the reply-arrived flag.
+void reset();
 
-inline std::deque<ProtocolData> records()
-{
-    std::lock_guard<std::mutex> guard(CmdDealModule::receiveHexCmdlock);
-    return CmdDealModule::receivequeueHexCmd;
-}
-
-inline bool replyFlag()
-{
-    std::lock_guard<std::mutex> guard(CmdDealModule::HexCmdlock);
-    return CmdDealModule::bRetFlag;
-}
-
-// Empties the queue and lowers the flag.
-inline void reset()
-{
-    std::lock_guard<std::mutex> guard(CmdDealModule::receiveHexCmdlock);
-    CmdDealModule::receivequeueHexCmd.clear();
-    std::lock_guard<std::mutex> flagGuard(CmdDealModule::HexCmdlock);
-    CmdDealModule::bRetFlag = false;
-}
-
-} // namespace receiveQueue
+} // namespace testqueue

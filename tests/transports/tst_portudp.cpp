@@ -106,7 +106,7 @@ class TestPortUDP : public QObject
 private slots:
     void init();
     void cleanup();
-    void cleanupTestCase() { receiveQueue::reset(); }
+    void cleanupTestCase() { testqueue::reset(); }
 
     // Interface
     void metaObjectListsSignalsThenSlotsAtInterfaceIndices();
@@ -175,7 +175,7 @@ private:
 
 void TestPortUDP::init()
 {
-    receiveQueue::reset();
+    testqueue::reset();
     m_device = std::make_unique<FakeUdpDevice>(kLoopback);
     QVERIFY(m_device->isBound());
     m_port = std::make_unique<ProbePortUDP>();
@@ -375,14 +375,14 @@ void TestPortUDP::sendDataLogEndsAtFirstZeroByteOfFrame()
 
 void TestPortUDP::sendModeTwoLogsAbnormalAndWritesNothing()
 {
-    receiveQueue::reset();
+    testqueue::reset();
     LogCapture log;
     send(*m_port, command(2));
     send(*m_port, command(255));
     QCOMPARE(log.lines(), (QStringList{"Send data abnormal", "Send data abnormal"}));
     QVERIFY(m_port->writes.isEmpty());
-    QCOMPARE(receiveQueue::length(), size_t(0));
-    QVERIFY(!receiveQueue::replyFlag());
+    QCOMPARE(testqueue::length(), size_t(0));
+    QVERIFY(!testqueue::replyFlag());
     // The next datagram the device sees is the one sent after them.
     QVERIFY(linkUp());
 }
@@ -568,7 +568,7 @@ void TestPortUDP::afterReInitUdpZabrelSendStillReachesDevice()
     Q_UNUSED(oldPort)
     // Replies reach the new socket.
     QVERIFY(receive("[R0100000000000001]"));
-    QTRY_COMPARE(receiveQueue::length(), size_t(1));
+    QTRY_COMPARE(testqueue::length(), size_t(1));
 }
 
 void TestPortUDP::rebuildDropsReplyState_data()
@@ -620,9 +620,9 @@ void TestPortUDP::replyIsQueuedWithSenderAndDeviceType()
     LogCapture log;
     QVERIFY(receive("[R0100000000000001]"));
     QCOMPARE(log.lines(), (QStringList{"Recv data:[R0100000000000001]", "host ip:127.0.0.1"}));
-    QTRY_COMPARE(receiveQueue::length(), size_t(1));
-    QVERIFY(receiveQueue::replyFlag());
-    const ProtocolData record = receiveQueue::records().front();
+    QTRY_COMPARE(testqueue::length(), size_t(1));
+    QVERIFY(testqueue::replyFlag());
+    const ProtocolData record = testqueue::records().front();
     QCOMPARE(record.commandByte, quint8(1));
     QCOMPARE(record.checksumByte, quint8(1));
     QCOMPARE(record.hostText, QStringLiteral("127.0.0.1"));
@@ -676,14 +676,14 @@ void TestPortUDP::dispatchRowsOverSocket()
             m_port->readPendingDatagrams();
             QCOMPARE(CmdDealModule::receivequeueHexCmd.size(), size_t(0));
         }
-        QTRY_COMPARE(receiveQueue::length(), size_t(1));
-        QCOMPARE(receiveQueue::records().front().paramBytes[1], quint8(datagram.mid(6, 2).toInt(nullptr, 16)));
+        QTRY_COMPARE(testqueue::length(), size_t(1));
+        QCOMPARE(testqueue::records().front().paramBytes[1], quint8(datagram.mid(6, 2).toInt(nullptr, 16)));
         break;
     }
     case Action::DeliverAtOnce:
         QVERIFY(receive(datagram));
-        QCOMPARE(receiveQueue::length(), size_t(1)); // appended before readPendingDatagrams returned
-        QCOMPARE(receiveQueue::records().front().hostText, QStringLiteral("127.0.0.1"));
+        QCOMPARE(testqueue::length(), size_t(1)); // appended before readPendingDatagrams returned
+        QCOMPARE(testqueue::records().front().hostText, QStringLiteral("127.0.0.1"));
         break;
     case Action::Hold:
         QVERIFY(receive(datagram));
@@ -698,7 +698,7 @@ void TestPortUDP::dispatchRowsOverSocket()
         break;
     }
     m_port.reset(); // waits for every hand-off it started
-    QCOMPARE(receiveQueue::length(), size_t(action == Action::Queue || action == Action::DeliverAtOnce ? 1 : 0));
+    QCOMPARE(testqueue::length(), size_t(action == Action::Queue || action == Action::DeliverAtOnce ? 1 : 0));
 }
 
 void TestPortUDP::heldReplyWith100And60BlockBytesGives129BytePayload()
@@ -711,8 +711,8 @@ void TestPortUDP::heldReplyWith100And60BlockBytesGives129BytePayload()
     QVERIFY(receive(first));
     QCOMPARE(m_port->blockBuffer(), first);
     QVERIFY(receive(second));
-    QTRY_COMPARE(receiveQueue::length(), size_t(1));
-    const ProtocolData record = receiveQueue::records().front();
+    QTRY_COMPARE(testqueue::length(), size_t(1));
+    const ProtocolData record = testqueue::records().front();
     QCOMPARE(record.payload.size(), 129);
     QCOMPARE(record.payload, (first + second).left(129));
     QCOMPARE(record.commandByte, quint8(0x44));
@@ -721,7 +721,7 @@ void TestPortUDP::heldReplyWith100And60BlockBytesGives129BytePayload()
     QVERIFY(record.hostText.isEmpty()); // combined records carry a fresh record's sender
     QVERIFY(m_port->pendingStdReply().isEmpty());
     QVERIFY(m_port->blockBuffer().isEmpty());
-    QVERIFY(receiveQueue::replyFlag());
+    QVERIFY(testqueue::replyFlag());
 }
 
 void TestPortUDP::longFixedRowGives145BytesOnce256Arrived()
@@ -732,33 +732,33 @@ void TestPortUDP::longFixedRowGives145BytesOnce256Arrived()
     QVERIFY(receive(replies::blockBytes(55, 200)));
     QCOMPARE(m_port->blockBuffer().size(), 255);
     QVERIFY(receive(replies::blockBytes(1, 255)));
-    QTRY_COMPARE(receiveQueue::length(), size_t(1));
-    QCOMPARE(receiveQueue::records().front().payload, replies::blockBytes(145));
+    QTRY_COMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(testqueue::records().front().payload, replies::blockBytes(145));
 }
 
 void TestPortUDP::zeroLengthHeldReplyRaisesFlagWithoutRecord()
 {
     QVERIFY(linkUp());
     QVERIFY(receive(replies::reply(0x44, 0x00, 0x8E, 0x27, 0x00, 0x00, 0x00)));
-    receiveQueue::reset();
+    testqueue::reset();
     QVERIFY(receive(replies::blockBytes(10)));
-    QTRY_VERIFY(receiveQueue::replyFlag());
+    QTRY_VERIFY(testqueue::replyFlag());
     QVERIFY(m_port->pendingStdReply().isEmpty());
     m_port.reset();
-    QCOMPARE(receiveQueue::length(), size_t(0));
+    QCOMPARE(testqueue::length(), size_t(0));
 }
 
 void TestPortUDP::negativeLengthHeldReplyDeliversNothing()
 {
     QVERIFY(linkUp());
     QVERIFY(receive(replies::reply(0x44, 0x00, 0xF1, 0x02, 0x00, 0x00, 0x80)));
-    receiveQueue::reset();
+    testqueue::reset();
     QVERIFY(receive(replies::blockBytes(10)));
     QVERIFY(m_port->pendingStdReply().isEmpty()); // completed on the first block datagram
     QVERIFY(m_port->blockBuffer().isEmpty());
-    QTRY_VERIFY(receiveQueue::replyFlag());
+    QTRY_VERIFY(testqueue::replyFlag());
     m_port.reset();
-    QCOMPARE(receiveQueue::length(), size_t(0));
+    QCOMPARE(testqueue::length(), size_t(0));
 }
 
 void TestPortUDP::secondHeldReplyReplacesFirstAndKeepsBlockBytes()
@@ -771,8 +771,8 @@ void TestPortUDP::secondHeldReplyReplacesFirstAndKeepsBlockBytes()
     QCOMPARE(m_port->pendingStdReply(), secondHeld);
     QCOMPARE(m_port->blockBuffer().size(), 100);
     QVERIFY(receive(replies::blockBytes(156, 100)));
-    QTRY_COMPARE(receiveQueue::length(), size_t(1));
-    const ProtocolData record = receiveQueue::records().front();
+    QTRY_COMPARE(testqueue::length(), size_t(1));
+    const ProtocolData record = testqueue::records().front();
     QCOMPARE(record.commandByte, quint8(0x45));
     QCOMPARE(record.payload, replies::blockBytes(145));
 }
@@ -806,10 +806,10 @@ void TestPortUDP::strayBlockWhileIdleOnlyRaisesFlag()
     LogCapture log;
     QVERIFY(receive("stray"));
     QCOMPARE(log.lines(), (QStringList{"Recv data:stray", "host ip:127.0.0.1", kSizeLine, kSizeLine}));
-    QTRY_VERIFY(receiveQueue::replyFlag());
+    QTRY_VERIFY(testqueue::replyFlag());
     QVERIFY(m_port->blockBuffer().isEmpty());
     m_port.reset();
-    QCOMPARE(receiveQueue::length(), size_t(0));
+    QCOMPARE(testqueue::length(), size_t(0));
 }
 
 void TestPortUDP::ipv4MappedSenderIsRecordedAsBareIpv4()
@@ -828,9 +828,9 @@ void TestPortUDP::ipv4MappedSenderIsRecordedAsBareIpv4()
     LogCapture log;
     QVERIFY(receive("[R0100000000000001]"));
     QCOMPARE(log.lines().at(1), QStringLiteral("host ip:127.0.0.1"));
-    QTRY_COMPARE(receiveQueue::length(), size_t(1));
-    QCOMPARE(receiveQueue::records().front().hostText, QStringLiteral("127.0.0.1"));
-    QCOMPARE(receiveQueue::records().front().sourceText, QStringLiteral("127.0.0.1"));
+    QTRY_COMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(testqueue::records().front().hostText, QStringLiteral("127.0.0.1"));
+    QCOMPARE(testqueue::records().front().sourceText, QStringLiteral("127.0.0.1"));
 }
 
 void TestPortUDP::dealFlagFalseDropsEveryReply()
@@ -839,13 +839,13 @@ void TestPortUDP::dealFlagFalseDropsEveryReply()
     m_port->m_dealFlag = false;
     QVERIFY(receive(replies::reply(1, 0, 0x10, 0, 0, 0, 0)));          // queue
     QVERIFY(receive(replies::reply(1, 0, 0x79, 0x09, 0, 0, 0)));       // deliver at once
-    QCOMPARE(receiveQueue::length(), size_t(0));
+    QCOMPARE(testqueue::length(), size_t(0));
     QVERIFY(receive(replies::reply(1, 0, 0x77, 0x23, 0, 0x81, 0)));    // hold
     QVERIFY(receive(replies::blockBytes(129)));                        // block data, combined
     QTRY_VERIFY(m_port->blockBuffer().isEmpty());
     m_port.reset();
-    QCOMPARE(receiveQueue::length(), size_t(0));
-    QVERIFY(!receiveQueue::replyFlag());
+    QCOMPARE(testqueue::length(), size_t(0));
+    QVERIFY(!testqueue::replyFlag());
 }
 
 void TestPortUDP::destructorWaitsForDetachedHandOff()
@@ -857,7 +857,7 @@ void TestPortUDP::destructorWaitsForDetachedHandOff()
     m_port->readPendingDatagrams(); // the hand-off now waits for the queue lock
     lock.releaseSoon();
     m_port.reset();
-    QCOMPARE(receiveQueue::length(), size_t(1));
+    QCOMPARE(testqueue::length(), size_t(1));
 }
 
 void TestPortUDP::destructorWaitsForDetachedCombination()
@@ -871,8 +871,8 @@ void TestPortUDP::destructorWaitsForDetachedCombination()
     QVERIFY(m_port->blockBuffer().isEmpty());
     lock.releaseSoon();
     m_port.reset();
-    QCOMPARE(receiveQueue::length(), size_t(1));
-    QCOMPARE(receiveQueue::records().front().payload, replies::blockBytes(129));
+    QCOMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(testqueue::records().front().payload, replies::blockBytes(129));
 }
 
 void TestPortUDP::clearQueueReturnsBeforeClearingAndEndsBeforeDestructor()
@@ -886,7 +886,7 @@ void TestPortUDP::clearQueueReturnsBeforeClearingAndEndsBeforeDestructor()
         m_port->clearQueue(); // returns although the lock is held here
         QCOMPARE(CmdDealModule::receivequeueHexCmd.size(), size_t(2));
     }
-    QTRY_COMPARE(receiveQueue::length(), size_t(0));
+    QTRY_COMPARE(testqueue::length(), size_t(0));
 
     {
         std::lock_guard<std::mutex> guard(CmdDealModule::receiveHexCmdlock);
@@ -897,7 +897,7 @@ void TestPortUDP::clearQueueReturnsBeforeClearingAndEndsBeforeDestructor()
     m_port->clearQueue();
     lock.releaseSoon();
     m_port.reset();
-    QCOMPARE(receiveQueue::length(), size_t(0));
+    QCOMPARE(testqueue::length(), size_t(0));
 }
 
 QTEST_GUILESS_MAIN(TestPortUDP)

@@ -55,8 +55,8 @@ class TestPortUDPNetns : public QObject
 
 private slots:
     void initTestCase();
-    void init() { receiveQueue::reset(); }
-    void cleanupTestCase() { receiveQueue::reset(); }
+    void init() { testqueue::reset(); }
+    void cleanupTestCase() { testqueue::reset(); }
 
     // Namespace with 100.100.100.100 on lo and routes to lo
     void defaultAddressReachesDevice();
@@ -93,8 +93,8 @@ void TestPortUDPNetns::defaultAddressReachesDevice()
     QCOMPARE(device.datagrams().first().bytes, kFrame);
 
     QCOMPARE(device.reply("[R0100000000000001]"), qint64(19));
-    QTRY_COMPARE(receiveQueue::length(), size_t(1));
-    QCOMPARE(receiveQueue::records().front().hostText, QStringLiteral("100.100.100.100"));
+    QTRY_COMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(testqueue::records().front().hostText, QStringLiteral("100.100.100.100"));
     QVERIFY(log.lines().contains(QStringLiteral("host ip:100.100.100.100")));
 }
 
@@ -134,8 +134,8 @@ void TestPortUDPNetns::broadcastReachesDeviceOnDevicePort()
 
     // The broadcast bound the socket: replies come back to it.
     QCOMPARE(device.reply("[R0100000000000001]"), qint64(19));
-    QTRY_COMPARE(receiveQueue::length(), size_t(1));
-    const QString sender = receiveQueue::records().front().hostText;
+    QTRY_COMPARE(testqueue::length(), size_t(1));
+    const QString sender = testqueue::records().front().hostText;
     QCOMPARE(sender, device.datagrams().first().sender.toString());
 }
 
@@ -158,7 +158,7 @@ void TestPortUDPNetns::onlyLoopbackMachineStillBuildsSocket()
     QVERIFY(device.waitForDatagrams(1));
     QCOMPARE(device.datagrams().first().bytes, kFrame);
     QCOMPARE(device.reply("[R0100000000000001]"), qint64(19));
-    QTRY_COMPARE(receiveQueue::length(), size_t(1));
+    QTRY_COMPARE(testqueue::length(), size_t(1));
 }
 
 void TestPortUDPNetns::unreachableDefaultAddressLogsBroadcastFailed()
