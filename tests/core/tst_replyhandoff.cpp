@@ -5,29 +5,10 @@
 #include <vector>
 
 #include "CmdDealModule.h"
+#include "ReceiveQueue.h"
 #include "ReplyHandOff.h"
 
 namespace {
-size_t queueLength()
-{
-    std::lock_guard<std::mutex> guard(CmdDealModule::receiveHexCmdlock);
-    return CmdDealModule::receivequeueHexCmd.size();
-}
-
-bool replyFlag()
-{
-    std::lock_guard<std::mutex> guard(CmdDealModule::HexCmdlock);
-    return CmdDealModule::bRetFlag;
-}
-
-void resetQueue()
-{
-    std::lock_guard<std::mutex> guard(CmdDealModule::receiveHexCmdlock);
-    CmdDealModule::receivequeueHexCmd.clear();
-    std::lock_guard<std::mutex> flagGuard(CmdDealModule::HexCmdlock);
-    CmdDealModule::bRetFlag = false;
-}
-
 ProtocolData reply(quint8 command, quint8 firstParam = 0)
 {
     ProtocolData record;
@@ -43,8 +24,8 @@ class TestReplyHandOff : public QObject
     Q_OBJECT
 
 private slots:
-    void init() { resetQueue(); }
-    void cleanupTestCase() { resetQueue(); }
+    void init() { testqueue::reset(); }
+    void cleanupTestCase() { testqueue::reset(); }
 
     void dealFlagFalseLeavesQueueAndFlagUnchangedForGatedHandOff();
     void dealFlagFalseStillQueuesForUngatedHandOff();
@@ -64,8 +45,8 @@ void TestReplyHandOff::dealFlagFalseLeavesQueueAndFlagUnchangedForGatedHandOff()
     handOff.deliver(reply(1));
     handOff.deliverDetached(reply(2));
     handOff.waitForDetachedWork();
-    QCOMPARE(queueLength(), size_t(0));
-    QCOMPARE(replyFlag(), false);
+    QCOMPARE(testqueue::length(), size_t(0));
+    QCOMPARE(testqueue::replyFlag(), false);
 }
 
 void TestReplyHandOff::dealFlagFalseStillQueuesForUngatedHandOff()
@@ -73,8 +54,8 @@ void TestReplyHandOff::dealFlagFalseStillQueuesForUngatedHandOff()
     std::atomic<bool> dealFlag{false};
     comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::Always);
     handOff.deliver(reply(1));
-    QCOMPARE(queueLength(), size_t(1));
-    QCOMPARE(replyFlag(), true);
+    QCOMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(testqueue::replyFlag(), true);
 }
 
 void TestReplyHandOff::deliverAppendsRecordAndRaisesFlag()
@@ -83,10 +64,10 @@ void TestReplyHandOff::deliverAppendsRecordAndRaisesFlag()
     comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::DealFlag);
     handOff.deliver(reply(7));
     comm::setRetFlagStatus(false);
-    const size_t before = queueLength();
+    const size_t before = testqueue::length();
     handOff.deliver(reply(9, 3));
-    QCOMPARE(replyFlag(), true);
-    QCOMPARE(queueLength(), before + 1);
+    QCOMPARE(testqueue::replyFlag(), true);
+    QCOMPARE(testqueue::length(), before + 1);
     std::lock_guard<std::mutex> guard(CmdDealModule::receiveHexCmdlock);
     const ProtocolData &last = CmdDealModule::receivequeueHexCmd.back();
     QCOMPARE(last.commandByte, quint8(9));
@@ -97,9 +78,9 @@ void TestReplyHandOff::deliverAppendsRecordAndRaisesFlag()
 void TestReplyHandOff::setRetFlagStatusSetsFlag()
 {
     comm::setRetFlagStatus(true);
-    QCOMPARE(replyFlag(), true);
+    QCOMPARE(testqueue::replyFlag(), true);
     comm::setRetFlagStatus(false);
-    QCOMPARE(replyFlag(), false);
+    QCOMPARE(testqueue::replyFlag(), false);
 }
 
 void TestReplyHandOff::deliverDetachedQueuesRecordFromAnotherThread()
@@ -114,8 +95,8 @@ void TestReplyHandOff::deliverDetachedQueuesRecordFromAnotherThread()
     QCOMPARE(handOff.detachedWorkRunning(), 1);
     held.unlock();
     handOff.waitForDetachedWork();
-    QCOMPARE(queueLength(), size_t(1));
-    QCOMPARE(replyFlag(), true);
+    QCOMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(testqueue::replyFlag(), true);
 }
 
 void TestReplyHandOff::handOffTakesQueueLockBeforeFlagLock()
@@ -142,8 +123,8 @@ void TestReplyHandOff::handOffTakesQueueLockBeforeFlagLock()
     QCOMPARE(CmdDealModule::bRetFlag, false);
     flagHeld.unlock();
     handOff.waitForDetachedWork();
-    QCOMPARE(queueLength(), size_t(1));
-    QCOMPARE(replyFlag(), true);
+    QCOMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(testqueue::replyFlag(), true);
 }
 
 void TestReplyHandOff::clearQueueReturnsBeforeClearingRuns()
@@ -157,7 +138,7 @@ void TestReplyHandOff::clearQueueReturnsBeforeClearingRuns()
     handOff.clearQueueDetached(module); // returns although the queue lock is held here
     QCOMPARE(CmdDealModule::receivequeueHexCmd.size(), size_t(2));
     held.unlock();
-    QTRY_COMPARE_WITH_TIMEOUT(queueLength(), size_t(0), 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(0), 5000);
     handOff.waitForDetachedWork();
 }
 

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "ProtocolData.h"
+
+// The command module's shared receive queue, seen from a test. Every call
+// takes the queue's locks the way the library does.
+namespace testqueue {
+
+std::size_t length();
+// Copies of the queued records, oldest first.
+std::vector<ProtocolData> records();
+bool replyFlag();
+// Empties the queue and lowers the reply-arrived flag.
+void reset();
+
+} // namespace testqueue
