@@ -1,6 +1,7 @@
 // A minimal application built against the installed library: it only uses the
 // installed headers and libraries, and checks that they work together.
 #include <PortBase.h>
+#include <PortSerial.h>
 #include <CmdDealModule.h>
 #include <ProtocolData.h>
 
@@ -12,6 +13,14 @@ int main()
     if (std::strcmp(PortBase::staticMetaObject.className(), "PortBase") != 0) {
         std::puts("consumer: PortBase meta-object missing");
         return 1;
+    }
+    {
+        PortSerial serial;
+        if (serial.staticMetaObject.superClass() != &PortBase::staticMetaObject || serial.openUSB(1, 2)
+            || serial.m_com == nullptr || serial.m_com->isOpen()) {
+            std::puts("consumer: PortSerial unusable");
+            return 1;
+        }
     }
     ProtocolData record;
     record.commandByte = 0x5A;
