@@ -47,6 +47,24 @@ int threadCount()
     return static_cast<int>(QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
 }
 
+// A fresh pseudo-terminal and a transport of type Port for it. threadsBefore
+// counts the process's threads before the transport existed.
+template <typename Port = PortSerial>
+struct Link
+{
+    const int threadsBefore = threadCount();
+    PseudoTerminal pty;
+    std::unique_ptr<Port> port = std::make_unique<Port>();
+};
+
+// Opens the link's transport on its pseudo-terminal, with 115200 8N1 and no
+// flow control; skips the test where no pseudo-terminal can be made.
+#define OPEN_LINK(link)                                                                                               \
+    do {                                                                                                              \
+        REQUIRE_PTY((link).pty);                                                                                      \
+        QVERIFY(openOn(*(link).port, (link).pty));                                                                    \
+    } while (false)
+
 // A block-announcing reply frame: B2 = 0x79 (or as given), length in B5/B6.
 QByteArray blockFrame(quint8 b2, unsigned short length, quint8 b3 = 0)
 {
@@ -169,17 +187,16 @@ void TestPortSerial::metaObjectIndices()
 
 void TestPortSerial::sendThroughPortBaseMetaObjectRunsOverride()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     LogCapture log;
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
     ProtocolData record = command(0x5A, {1, 2, 3, 4, 5, 6});
     void *parameters = &record;
     const QMetaObject &mo = PortBase::staticMetaObject;
     const QMetaMethod slot = mo.method(mo.methodOffset() + 1);
     QVERIFY(slot.invoke(&port, Qt::DirectConnection, Q_ARG(void *, parameters)));
-    QCOMPARE(pty.deviceReceives(19, kWaitMs), QByteArray("[A5a0102030405066f]"));
+    QCOMPARE(link.pty.deviceReceives(19, kWaitMs), QByteArray("[A5a0102030405066f]"));
     QCOMPARE(log.count(QStringLiteral("Send data:[A5a0102030405066f]")), 1);
 }
 
@@ -237,10 +254,10 @@ void TestPortSerial::openOnMissingPortReturnsFalseAndStartsNoWorker()
 
 void TestPortSerial::openAppliesLineSettingsAndStartsOneWorker()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(port.openSerialPort(pty.slavePath(), QSerialPort::Baud19200, QSerialPort::TwoStop,
+    Link<> link;
+    REQUIRE_PTY(link.pty);
+    PortSerial &port = *link.port;
+    QVERIFY(port.openSerialPort(link.pty.slavePath(), QSerialPort::Baud19200, QSerialPort::TwoStop,
                                 QSerialPort::EvenParity, QSerialPort::HardwareControl, QSerialPort::Data7));
     QVERIFY(port.m_com->isOpen());
     QCOMPARE(port.m_com->openMode(), QIODevice::ReadWrite);
@@ -257,36 +274,33 @@ void TestPortSerial::openAppliesLineSettingsAndStartsOneWorker()
 
 void TestPortSerial::secondOpenLeavesOneWorkerAndEmptyBuffer()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
-    QVERIFY(pty.deviceSends("waiting"));
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
+    QVERIFY(link.pty.deviceSends("waiting"));
     QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), QByteArray("waiting"), kWaitMs);
-    QVERIFY(openOn(port, pty));
+    QVERIFY(openOn(port, link.pty));
     QCOMPARE(port.buffData(), QByteArray());
     QVERIFY(port.m_com->isOpen());
     QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 1, kWaitMs);
     // The new worker is the one that runs: a frame still becomes a record.
-    QVERIFY(pty.deviceSends(frame({9, 0, 0, 0, 0, 0, 0})));
+    QVERIFY(link.pty.deviceSends(frame({9, 0, 0, 0, 0, 0, 0})));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(port.runningWorkers(), 1);
 }
 
 void TestPortSerial::reopenWithDealFlagFalseStartsSecondWorkerAndDestructorStopsBoth()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    const int threadsBefore = threadCount();
-    auto port = std::make_unique<PortSerial>();
-    QVERIFY(openOn(*port, pty));
+    Link<> link;
+    OPEN_LINK(link);
+    std::unique_ptr<PortSerial> &port = link.port;
     port->m_dealFlag = false;
-    QVERIFY(openOn(*port, pty));
+    QVERIFY(openOn(*port, link.pty));
     // The first worker was not stopped: two run side by side.
     QCOMPARE(port->runningWorkers(), 2);
     QVERIFY(port->m_threadRun.load());
     port.reset();
-    QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= threadsBefore, kWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= link.threadsBefore, kWaitMs);
 }
 
 void TestPortSerial::closeOnNeverOpenedTransportDoesNothing()
@@ -304,11 +318,10 @@ void TestPortSerial::closeOnNeverOpenedTransportDoesNothing()
 
 void TestPortSerial::closeStopsWorkerAndEmptiesBuffer()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
-    QVERIFY(pty.deviceSends("partial"));
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
+    QVERIFY(link.pty.deviceSends("partial"));
     QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), QByteArray("partial"), kWaitMs);
     port.closeSerialPort();
     QVERIFY(!port.m_com->isOpen());
@@ -320,23 +333,20 @@ void TestPortSerial::closeStopsWorkerAndEmptiesBuffer()
 
 void TestPortSerial::destructorStopsWorkerOfOpenPort()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    const int threadsBefore = threadCount();
-    auto port = std::make_unique<PortSerial>();
-    QVERIFY(openOn(*port, pty));
-    QVERIFY(pty.deviceSends(frame({1, 0, 0, 0, 0, 0, 0})));
+    Link<> link;
+    OPEN_LINK(link);
+    std::unique_ptr<PortSerial> &port = link.port;
+    QVERIFY(link.pty.deviceSends(frame({1, 0, 0, 0, 0, 0, 0})));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     port.reset();
-    QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= threadsBefore, kWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= link.threadsBefore, kWaitMs);
 }
 
 void TestPortSerial::parityErrorLeavesPortOpen()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     port.handleError(QSerialPort::ParityError);
     QVERIFY(port.m_com->isOpen());
     QCOMPARE(port.runningWorkers(), 1);
@@ -344,12 +354,10 @@ void TestPortSerial::parityErrorLeavesPortOpen()
 
 void TestPortSerial::resourceErrorClosesPortAndLeavesWorkerToDestructor()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    const int threadsBefore = threadCount();
-    auto port = std::make_unique<PortSerial>();
-    QVERIFY(openOn(*port, pty));
-    QVERIFY(pty.deviceSends("kept"));
+    Link<> link;
+    OPEN_LINK(link);
+    std::unique_ptr<PortSerial> &port = link.port;
+    QVERIFY(link.pty.deviceSends("kept"));
     QTRY_COMPARE_WITH_TIMEOUT(port->buffData(), QByteArray("kept"), kWaitMs);
     port->handleError(QSerialPort::ResourceError);
     QVERIFY(!port->m_com->isOpen());
@@ -362,7 +370,7 @@ void TestPortSerial::resourceErrorClosesPortAndLeavesWorkerToDestructor()
     QCOMPARE(port->m_threadRun.load(), true);
     QCOMPARE(port->buffData(), QByteArray("kept"));
     port.reset();
-    QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= threadsBefore, kWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= link.threadsBefore, kWaitMs);
 }
 
 void TestPortSerial::resourceErrorOnClosedPortIsIgnored()
@@ -375,11 +383,9 @@ void TestPortSerial::resourceErrorOnClosedPortIsIgnored()
 
 void TestPortSerial::hangUpEndsWithPortClosedAfterNextSend()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    const int threadsBefore = threadCount();
-    auto port = std::make_unique<PortSerial>();
-    QVERIFY(openOn(*port, pty));
+    Link<> link;
+    OPEN_LINK(link);
+    std::unique_ptr<PortSerial> &port = link.port;
     // What an application does to have a vanished device close the port.
     QObject::connect(port->m_com, &QSerialPort::errorOccurred, port.get(), &PortSerial::handleError);
     QSignalSpy errors(port->m_com, &QSerialPort::errorOccurred);
@@ -392,7 +398,7 @@ void TestPortSerial::hangUpEndsWithPortClosedAfterNextSend()
         return false;
     };
 
-    pty.closeMaster();
+    link.pty.closeMaster();
     // Reading gives end of file: read errors, while the port stays open.
     QTRY_VERIFY_WITH_TIMEOUT(reported(QSerialPort::ReadError), kWaitMs);
     QVERIFY(port->m_com->isOpen());
@@ -411,15 +417,14 @@ void TestPortSerial::hangUpEndsWithPortClosedAfterNextSend()
     // The worker still runs on the closed port; destruction stops it.
     QCOMPARE(port->runningWorkers(), 1);
     port.reset();
-    QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= threadsBefore, kWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= link.threadsBefore, kWaitMs);
 }
 
 void TestPortSerial::closingOnReadErrorEndsHangUpAtOnce()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     // What the README advises: a slot of the application's own that takes
     // read and resource errors for a vanished device.
     QObject::connect(port.m_com, &QSerialPort::errorOccurred, &port, [&port](QSerialPort::SerialPortError error) {
@@ -427,7 +432,7 @@ void TestPortSerial::closingOnReadErrorEndsHangUpAtOnce()
             port.closeSerialPort();
     });
     QSignalSpy errors(port.m_com, &QSerialPort::errorOccurred);
-    pty.closeMaster();
+    link.pty.closeMaster();
     QTRY_VERIFY_WITH_TIMEOUT(!port.m_com->isOpen(), kWaitMs);
     QCOMPARE(port.m_threadRun.load(), false);
     QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 0, kWaitMs);
@@ -438,27 +443,25 @@ void TestPortSerial::closingOnReadErrorEndsHangUpAtOnce()
 
 void TestPortSerial::dealFlagFalseDropsReceivedBytes()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     QSignalSpy readyRead(port.m_com, &QIODevice::readyRead);
     port.m_dealFlag = false;
-    QVERIFY(pty.deviceSends("dropped"));
+    QVERIFY(link.pty.deviceSends("dropped"));
     QTRY_VERIFY_WITH_TIMEOUT(readyRead.count() > 0, kWaitMs);
     QCOMPARE(port.m_com->bytesAvailable(), qint64(0));
     QCOMPARE(port.buffData(), QByteArray());
     port.m_dealFlag = true;
-    QVERIFY(pty.deviceSends("kept"));
+    QVERIFY(link.pty.deviceSends("kept"));
     QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), QByteArray("kept"), kWaitMs);
 }
 
 void TestPortSerial::setDealFlagFalseStopsWorkerAndTrueDoesNotRestartIt()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     QTRY_COMPARE_WITH_TIMEOUT(port.m_threadExited.load(), false, kWaitMs);
     port.setDealFlag(false);
     QCOMPARE(port.m_threadRun.load(), false);
@@ -470,7 +473,7 @@ void TestPortSerial::setDealFlagFalseStopsWorkerAndTrueDoesNotRestartIt()
     QCOMPARE(port.runningWorkers(), 0);
     // Bytes still collect, but nobody turns them into records.
     const QByteArray reply = frame({5, 0, 0, 0, 0, 0, 0});
-    QVERIFY(pty.deviceSends(reply));
+    QVERIFY(link.pty.deviceSends(reply));
     QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), reply, kWaitMs);
     QTest::qWait(50); // many worker turns, had there been a worker
     QCOMPARE(port.buffData(), reply);
@@ -480,32 +483,30 @@ void TestPortSerial::setDealFlagFalseStopsWorkerAndTrueDoesNotRestartIt()
 
 void TestPortSerial::sendLogsWriteSizeOutcomeThenHeader()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     LogCapture log;
     ProtocolData record = command(0x5A, {1, 2, 3, 4, 5, 6});
     port.sendDatatoDevice(&record);
     // The byte count follows "m_com->write" after one blank.
     QCOMPARE(log.lines(), (QStringList{QStringLiteral("m_com->write 19"), QStringLiteral("Send successful"),
                                        QStringLiteral("Send data:[A5a0102030405066f]")}));
-    QCOMPARE(pty.deviceReceives(19, kWaitMs), QByteArray("[A5a0102030405066f]"));
+    QCOMPARE(link.pty.deviceReceives(19, kWaitMs), QByteArray("[A5a0102030405066f]"));
 }
 
 void TestPortSerial::sendWithPayloadWritesWholeFrameAndLogsHeader()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     LogCapture log;
     const QByteArray payload("\x00\x5D]raw\xFF", 7);
     ProtocolData record = command(0xA0, {0xFF, 0x00, 0x10, 0x20, 0x30, 0x40}, payload);
     port.sendDatatoDevice(&record);
     QCOMPARE(log.lines(), (QStringList{QStringLiteral("m_com->write 26"), QStringLiteral("Send successful"),
                                        QStringLiteral("Send data:[Aa0ff00102030403f]")}));
-    QCOMPARE(pty.deviceReceives(26, kWaitMs), QByteArray("[Aa0ff00102030403f]") + payload);
+    QCOMPARE(link.pty.deviceReceives(26, kWaitMs), QByteArray("[Aa0ff00102030403f]") + payload);
 }
 
 void TestPortSerial::sendOnClosedPortLogsOnlyHeader()
@@ -519,10 +520,9 @@ void TestPortSerial::sendOnClosedPortLogsOnlyHeader()
 
 void TestPortSerial::failedWriteLogsSendFailed()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    ScriptedWritePort port;
-    QVERIFY(openOn(port, pty));
+    Link<ScriptedWritePort> link;
+    OPEN_LINK(link);
+    ScriptedWritePort &port = *link.port;
     port.writeResult = -1;
     LogCapture log;
     ProtocolData record = command(0x5A, {1, 2, 3, 4, 5, 6});
@@ -534,10 +534,9 @@ void TestPortSerial::failedWriteLogsSendFailed()
 
 void TestPortSerial::partialWriteLogsNoOutcome()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    ScriptedWritePort port;
-    QVERIFY(openOn(port, pty));
+    Link<ScriptedWritePort> link;
+    OPEN_LINK(link);
+    ScriptedWritePort &port = *link.port;
     port.writeResult = 7;
     LogCapture log;
     ProtocolData record = command(0x5A, {1, 2, 3, 4, 5, 6});
@@ -559,20 +558,19 @@ void TestPortSerial::sendLeavesCallersRecordUnchanged()
 
 void TestPortSerial::replyBecomesRecordNamedAfterPort()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    LogCapture log;
-    PortSerial port;
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     port.setDeviceType(kDeviceType);
-    QVERIFY(openOn(port, pty));
+    LogCapture log;
     const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6});
-    QVERIFY(pty.deviceSends(reply));
+    QVERIFY(link.pty.deviceSends(reply));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     const ProtocolData record = testqueue::records().front();
     QCOMPARE(record.linkByte, quint8(1));
     // The name as the port object reports it: the path without "/dev/".
     QCOMPARE(record.sourceText, port.m_com->portName());
-    QCOMPARE(record.sourceText, pty.slavePath().mid(5));
+    QCOMPARE(record.sourceText, link.pty.slavePath().mid(5));
     QCOMPARE(record.deviceType, kDeviceType);
     QCOMPARE(record.commandByte, quint8(0x5A));
     QCOMPARE(record.paramBytes[5], quint8(6));
@@ -583,13 +581,12 @@ void TestPortSerial::replyBecomesRecordNamedAfterPort()
 
 void TestPortSerial::strayBytesBeforeFrameAreDropped()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     LogCapture log;
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
     const QByteArray reply = frame({0x10, 0x20, 0, 0, 0, 0, 0});
-    QVERIFY(pty.deviceSends("\xAA\x55" + reply));
+    QVERIFY(link.pty.deviceSends("\xAA\x55" + reply));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().commandByte, quint8(0x10));
     QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), QByteArray(), kWaitMs);
@@ -598,11 +595,9 @@ void TestPortSerial::strayBytesBeforeFrameAreDropped()
 
 void TestPortSerial::allZeroFrameYieldsRecord()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
-    QVERIFY(pty.deviceSends("[R0000000000000000]"));
+    Link<> link;
+    OPEN_LINK(link);
+    QVERIFY(link.pty.deviceSends("[R0000000000000000]"));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().commandByte, quint8(0));
     QCOMPARE(testqueue::records().front().payload, QByteArray());
@@ -610,13 +605,12 @@ void TestPortSerial::allZeroFrameYieldsRecord()
 
 void TestPortSerial::blockWithGoodCheckByteBecomesPayload()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     LogCapture log;
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
     const QByteArray reply = blockFrame(0x79, 3);
-    QVERIFY(pty.deviceSends(reply + QByteArray("\x01\x02\x03", 3)));
+    QVERIFY(link.pty.deviceSends(reply + QByteArray("\x01\x02\x03", 3)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().payload, QByteArray("\x01\x02\x03", 3));
     QCOMPARE(testqueue::records().front().sourceText, port.m_com->portName());
@@ -625,13 +619,12 @@ void TestPortSerial::blockWithGoodCheckByteBecomesPayload()
 
 void TestPortSerial::blockWithBadCheckByteIsReported()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     LogCapture log;
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
     const QByteArray reply = blockFrame(0x79, 3);
-    QVERIFY(pty.deviceSends(reply + QByteArray("\x01\x02\x04", 3)));
+    QVERIFY(link.pty.deviceSends(reply + QByteArray("\x01\x02\x04", 3)));
     // The frame text, one blank, then the failure text.
     const QString failure = QStringLiteral("Recv data:[R42007900000300BE] CheckBlock default:");
     QTRY_COMPARE_WITH_TIMEOUT(log.count(failure), 1, kWaitMs);
@@ -642,12 +635,10 @@ void TestPortSerial::blockWithBadCheckByteIsReported()
 
 void TestPortSerial::frame8EWithout27IsFollowedByOrdinaryData()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
+    Link<> link;
+    OPEN_LINK(link);
     const QByteArray next = frame({0x66, 0, 0, 0, 0, 0, 0});
-    QVERIFY(pty.deviceSends(blockFrame(0x8E, 3, 0x28) + blockWithCheckByte("\x01\x02") + next));
+    QVERIFY(link.pty.deviceSends(blockFrame(0x8E, 3, 0x28) + blockWithCheckByte("\x01\x02") + next));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);
     const std::vector<ProtocolData> records = testqueue::records();
     for (const ProtocolData &record : records)
@@ -657,11 +648,9 @@ void TestPortSerial::frame8EWithout27IsFollowedByOrdinaryData()
 
 void TestPortSerial::blockE1OfLengthZeroIsQueuedAtOnce()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
-    QVERIFY(pty.deviceSends(blockFrame(0xE1, 0)));
+    Link<> link;
+    OPEN_LINK(link);
+    QVERIFY(link.pty.deviceSends(blockFrame(0xE1, 0)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().payload, QByteArray());
     QCOMPARE(testqueue::records().front().paramBytes[1], quint8(0xE1));
@@ -669,51 +658,47 @@ void TestPortSerial::blockE1OfLengthZeroIsQueuedAtOnce()
 
 void TestPortSerial::blockNeverSentIsReportedAfterWaitAndLaterFramesWork()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
+    Link<> link;
+    OPEN_LINK(link);
     LogCapture log;
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
     const QByteArray reply = blockFrame(0x79, 3);
     QElapsedTimer timer;
     timer.start();
-    QVERIFY(pty.deviceSends(reply));
+    QVERIFY(link.pty.deviceSends(reply));
     QTRY_COMPARE_WITH_TIMEOUT(log.count(recvLine(reply) + QStringLiteral(" CheckBlock default:")), 1, kWaitMs);
     QVERIFY2(timer.elapsed() >= 600, "150 block-wait sleeps of 4 ms come first");
     QCOMPARE(testqueue::length(), size_t(0));
 
-    QVERIFY(pty.deviceSends(frame({0x77, 0, 0, 0, 0, 0, 0})));
+    QVERIFY(link.pty.deviceSends(frame({0x77, 0, 0, 0, 0, 0, 0})));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().commandByte, quint8(0x77));
 }
 
 void TestPortSerial::frameSplitAcrossReadsIsRecognised()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     const QByteArray reply = frame({0x12, 0x34, 0x56, 0, 0, 0, 0});
-    QVERIFY(pty.deviceSends(reply.left(7)));
+    QVERIFY(link.pty.deviceSends(reply.left(7)));
     QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), reply.left(7), kWaitMs);
-    QVERIFY(pty.deviceSends(reply.mid(7, 11)));
+    QVERIFY(link.pty.deviceSends(reply.mid(7, 11)));
     QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), reply.left(18), kWaitMs);
     QCOMPARE(testqueue::length(), size_t(0));
-    QVERIFY(pty.deviceSends(reply.mid(18)));
+    QVERIFY(link.pty.deviceSends(reply.mid(18)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().commandByte, quint8(0x12));
 }
 
 void TestPortSerial::wrongCheckByteIsReported()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     LogCapture log;
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
     const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6}, 0x00);
     const QString failure = QStringLiteral("PortSerial::getArrayData   dataStr==5A01020304050600");
-    QVERIFY(pty.deviceSends(reply));
+    QVERIFY(link.pty.deviceSends(reply));
     QTRY_COMPARE_WITH_TIMEOUT(log.count(failure), 1, kWaitMs);
     QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(log.lines(), QStringList{failure});
@@ -723,14 +708,12 @@ void TestPortSerial::wrongCheckByteIsReported()
 
 void TestPortSerial::lowerCaseDigitsDecodeLikeUpperCase()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
+    Link<> link;
+    OPEN_LINK(link);
     const std::array<quint8, 7> bytes{0xAB, 0xCD, 0xEF, 0x0A, 0xBC, 0xDE, 0xF0};
-    QVERIFY(pty.deviceSends(frame(bytes, -1, replyframes::Case::Lower)));
+    QVERIFY(link.pty.deviceSends(frame(bytes, -1, replyframes::Case::Lower)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
-    QVERIFY(pty.deviceSends(frame(bytes, -1, replyframes::Case::Upper)));
+    QVERIFY(link.pty.deviceSends(frame(bytes, -1, replyframes::Case::Upper)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);
     const std::vector<ProtocolData> records = testqueue::records();
     for (const ProtocolData &record : records) {
@@ -742,12 +725,11 @@ void TestPortSerial::lowerCaseDigitsDecodeLikeUpperCase()
 
 void TestPortSerial::fewerThanNineteenBytesWait()
 {
-    PseudoTerminal pty;
-    REQUIRE_PTY(pty);
-    PortSerial port;
-    QVERIFY(openOn(port, pty));
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
     const QByteArray garbage("xx[Ryy", 6);
-    QVERIFY(pty.deviceSends(garbage));
+    QVERIFY(link.pty.deviceSends(garbage));
     QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), garbage, kWaitMs);
     QTest::qWait(50); // many worker turns
     QCOMPARE(port.buffData(), garbage);
