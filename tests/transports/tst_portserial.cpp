@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include "CmdDealModule.h"
 #include "LogCapture.h"
 #include "PortSerial.h"
 #include "ProtocolData.h"
@@ -136,6 +137,13 @@ private slots:
     void failedWriteLogsSendFailed();
     void partialWriteLogsNoOutcome();
     void sendLeavesCallersRecordUnchanged();
+
+    // Reply hand-off and reassembly operations of the transport.
+    void addToReceivedQueueQueuesWhateverTheDealFlag();
+    void setRetFlagStatusSetsReplyFlag();
+    void clearQueueReturnsBeforeQueueIsCleared();
+    void reassemblyOperationsWorkOnTransportsBuffer();
+    void threadDealDataFuncWithRunFlagFalseReturnsAtOnce();
 
     // Replies from the device.
     void replyBecomesRecordNamedAfterPort();
@@ -269,7 +277,6 @@ void TestPortSerial::openAppliesLineSettingsAndStartsOneWorker()
     QCOMPARE(port.m_com->flowControl(), QSerialPort::HardwareControl);
     QCOMPARE(port.m_threadRun.load(), true);
     QCOMPARE(port.runningWorkers(), 1);
-    QTRY_COMPARE_WITH_TIMEOUT(port.m_threadExited.load(), false, kWaitMs);
 }
 
 void TestPortSerial::secondOpenLeavesOneWorkerAndEmptyBuffer()
@@ -462,7 +469,6 @@ void TestPortSerial::setDealFlagFalseStopsWorkerAndTrueDoesNotRestartIt()
     Link<> link;
     OPEN_LINK(link);
     PortSerial &port = *link.port;
-    QTRY_COMPARE_WITH_TIMEOUT(port.m_threadExited.load(), false, kWaitMs);
     port.setDealFlag(false);
     QCOMPARE(port.m_threadRun.load(), false);
     QTRY_COMPARE_WITH_TIMEOUT(port.m_threadExited.load(), true, kWaitMs);
@@ -554,6 +560,68 @@ void TestPortSerial::sendLeavesCallersRecordUnchanged()
     QCOMPARE(record.checksumByte, quint8(0x11));
     QCOMPARE(port.produceCmds(record), QByteArray("[A5a0102030405066f]"));
     QCOMPARE(port.changeData(QByteArray("\x00\x0F\xF0\xFF", 4)), QByteArray("[A000ff0ff]"));
+}
+
+void TestPortSerial::addToReceivedQueueQueuesWhateverTheDealFlag()
+{
+    PortSerial port;
+    port.m_dealFlag = false;
+    ProtocolData record;
+    record.commandByte = 0x33;
+    port.addToReceivedQueue(record);
+    QCOMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(testqueue::records().front().commandByte, quint8(0x33));
+    QVERIFY(testqueue::replyFlag());
+}
+
+void TestPortSerial::setRetFlagStatusSetsReplyFlag()
+{
+    PortSerial port;
+    port.setRetFlagStatus(true);
+    QVERIFY(testqueue::replyFlag());
+    port.setRetFlagStatus(false);
+    QVERIFY(!testqueue::replyFlag());
+}
+
+void TestPortSerial::clearQueueReturnsBeforeQueueIsCleared()
+{
+    PortSerial port;
+    port.addToReceivedQueue(ProtocolData());
+    {
+        // clearQueue returns although the queue lock is held here.
+        std::lock_guard<std::mutex> held(CmdDealModule::receiveHexCmdlock);
+        port.clearQueue();
+        QCOMPARE(CmdDealModule::receivequeueHexCmd.size(), size_t(1));
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(0), kWaitMs);
+}
+
+void TestPortSerial::reassemblyOperationsWorkOnTransportsBuffer()
+{
+    LogCapture log;
+    PortSerial port;
+    const QByteArray reply = frame({0x21, 0, 0, 0, 0, 0, 0});
+    port.appendBuffData("zz" + reply);
+    QCOMPARE(port.getBuffData(3), QByteArray("zz["));
+    QVERIFY(port.isFindStdCmdPreFlag(port.getBuffData(1024)));
+    QCOMPARE(port.buffData(), reply);
+    ProtocolData decoded;
+    QVERIFY(port.getArrayData(reply, &decoded));
+    QCOMPARE(decoded.commandByte, quint8(0x21));
+    QVERIFY(port.checkCMD(port.getBuffData(1024)));
+    QCOMPARE(port.buffData(), QByteArray());
+    port.appendBuffData(blockWithCheckByte("\x07"));
+    QVERIFY(port.checkBlock(decoded, 2));
+    QCOMPARE(port.takeBuffData(5), QByteArray());
+    QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);
+    QCOMPARE(log.lines(), QStringList{recvLine(reply)});
+}
+
+void TestPortSerial::threadDealDataFuncWithRunFlagFalseReturnsAtOnce()
+{
+    PortSerial port;
+    port.ThreadDealDataFunc();
+    QCOMPARE(port.m_threadExited.load(), true);
 }
 
 void TestPortSerial::replyBecomesRecordNamedAfterPort()
