@@ -102,6 +102,7 @@ private slots:
     void snapshotWithoutBracketIsDiscarded();
     void turnExaminesAtMost1024Bytes();
     void bracketAtEndWaitsForNextByte();
+    void oneFramePerTurn_data();
     void oneFramePerTurn();
 
     // Serial blocks.
@@ -136,7 +137,6 @@ private slots:
     void usbRecordCarriesLinkTwoAndUsb();
     void usbBlockAnnouncingFrameIsQueuedAtOnceWithEmptyPayload();
     void usbZeroBytesAfterFrameAreDroppedNextTurn();
-    void usbTwoFramesInOneReportTakeTwoTurns();
     void usbWrongCheckByteLogsPortUsbLine();
     void usbCheckBlockWaits200TimesTwentyMilliseconds();
     void usbCheckBlockKeepsCallersSourceText();
@@ -396,15 +396,25 @@ void TestStreamReassembler::bracketAtEndWaitsForNextByte()
     QCOMPARE(rig.reassembler.buffData(), QByteArray("["));
 }
 
+void TestStreamReassembler::oneFramePerTurn_data()
+{
+    QTest::addColumn<bool>("usb");
+    QTest::addColumn<int>("turnSleep");
+    QTest::newRow("serial") << false << 3;
+    QTest::newRow("usb, two frames in one report") << true << 20;
+}
+
 void TestStreamReassembler::oneFramePerTurn()
 {
-    Rig rig(StreamReassemblyConfig::serial());
+    QFETCH(bool, usb);
+    QFETCH(int, turnSleep);
+    Rig rig(usb ? StreamReassemblyConfig::usb() : StreamReassemblyConfig::serial());
     rig.reassembler.appendBuffData(frame({1, 0, 0, 0, 0, 0, 0}) + frame({2, 0, 0, 0, 0, 0, 0}));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(2));
-    QCOMPARE(rig.sleeps, (std::vector<int>{3, 3}));
+    QCOMPARE(rig.sleeps, (std::vector<int>{turnSleep, turnSleep}));
 }
 
 void TestStreamReassembler::block79WithGoodCheckByteBecomesPayload()
@@ -730,17 +740,6 @@ void TestStreamReassembler::usbZeroBytesAfterFrameAreDroppedNextTurn()
     rig.turn();
     QCOMPARE(rig.reassembler.buffData(), QByteArray());
     QCOMPARE(testqueue::length(), size_t(1));
-}
-
-void TestStreamReassembler::usbTwoFramesInOneReportTakeTwoTurns()
-{
-    Rig rig(StreamReassemblyConfig::usb());
-    rig.reassembler.appendBuffData(frame({1, 0, 0, 0, 0, 0, 0}) + frame({2, 0, 0, 0, 0, 0, 0}));
-    rig.turn();
-    QCOMPARE(testqueue::length(), size_t(1));
-    rig.turn();
-    QCOMPARE(testqueue::length(), size_t(2));
-    QCOMPARE(rig.sleeps, (std::vector<int>{20, 20}));
 }
 
 void TestStreamReassembler::usbWrongCheckByteLogsPortUsbLine()
