@@ -1,6 +1,5 @@
 #include "DetachedWork.h"
 
-#include <memory>
 #include <system_error>
 #include <thread>
 
@@ -13,26 +12,42 @@ DetachedWork::~DetachedWork()
 
 void DetachedWork::start(std::function<void()> job)
 {
+    // Shared so that the job survives a failed thread start and can then run here.
+    auto work = std::make_shared<std::function<void()>>(std::move(job));
+    if (!startThread(work)) {
+        // No thread could be started (resource exhaustion): run the job on the
+        // calling thread rather than lose it.
+        (*work)();
+    }
+}
+
+bool DetachedWork::tryStart(std::function<void()> job)
+{
+    return startThread(std::make_shared<std::function<void()>>(std::move(job)));
+}
+
+bool DetachedWork::startThread(const SharedJob &job)
+{
     {
         std::lock_guard<std::mutex> guard(m_lock);
         ++m_running;
     }
-    // Shared so that the job survives a failed thread start and can then run here.
-    auto work = std::make_shared<std::function<void()>>(std::move(job));
-    auto body = [this](std::shared_ptr<std::function<void()>> shared) {
-        (*shared)();
-        // The job and its captures are gone before the count drops: once it
-        // reaches zero the owner may be destroyed.
-        shared.reset();
-        finished();
-    };
     try {
-        std::thread(body, work).detach();
+        std::thread(&DetachedWork::runJob, this, job).detach();
+        return true;
     } catch (const std::system_error &) {
-        // No thread could be started (resource exhaustion): run the job on the
-        // calling thread rather than lose it.
-        body(std::move(work));
+        finished();
+        return false;
     }
+}
+
+void DetachedWork::runJob(SharedJob job)
+{
+    (*job)();
+    // The job and its captures are gone before the count drops: once it
+    // reaches zero the owner may be destroyed.
+    job.reset();
+    finished();
 }
 
 void DetachedWork::finished()

@@ -2,6 +2,7 @@
 
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 
 namespace comm {
@@ -21,6 +22,11 @@ public:
     // job runs on the calling thread instead, so its work is never lost.
     void start(std::function<void()> job);
 
+    // Starts job on a new detached thread, counted like start()'s jobs. When
+    // no thread can be started, returns false and the job does not run: for
+    // jobs that must not take over the calling thread (long-running workers).
+    bool tryStart(std::function<void()> job);
+
     // Returns once no job started here is running any more.
     void waitUntilIdle();
 
@@ -28,6 +34,9 @@ public:
     int running() const;
 
 private:
+    using SharedJob = std::shared_ptr<std::function<void()>>;
+    bool startThread(const SharedJob &job);
+    void runJob(SharedJob job);
     void finished();
 
     mutable std::mutex m_lock;

@@ -1,6 +1,7 @@
 // A minimal application built against the installed library: it only uses the
 // installed headers and libraries, and checks that they work together.
 #include <PortBase.h>
+#include <PortSerial.h>
 #include <PortUDP.h>
 #include <CmdDealModule.h>
 #include <ProtocolData.h>
@@ -17,6 +18,14 @@ int main()
     if (PortUDP::staticMetaObject.superClass() != &PortBase::staticMetaObject) {
         std::puts("consumer: PortUDP meta-object missing");
         return 1;
+    }
+    {
+        PortSerial serial;
+        if (serial.staticMetaObject.superClass() != &PortBase::staticMetaObject || serial.openUSB(1, 2)
+            || serial.m_com == nullptr || serial.m_com->isOpen()) {
+            std::puts("consumer: PortSerial unusable");
+            return 1;
+        }
     }
     ProtocolData record;
     record.commandByte = 0x5A;

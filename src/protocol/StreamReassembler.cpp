@@ -1,0 +1,289 @@
+#include "StreamReassembler.h"
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "CommandFrame.h"
+#include "DebugLog.h"
+#include "HexPairs.h"
+#include "MutexGuard.h"
+#include "ReplyHandOff.h"
+
+namespace comm {
+
+namespace {
+// Reply frame: "[" "R", 16 hex digits from offset 2, "]" at offset 18.
+constexpr int kDigitsOffset = 2;
+constexpr int kDigitCount = 2 * kReplyPairs;
+constexpr int kFrameEndOffset = kFrameHeaderSize - 1;
+
+// Bytes as text the way replies have always been logged: local 8-bit, ending
+// at the first zero byte.
+QString textUpToZero(const char *bytes, int size)
+{
+    return QString::fromLocal8Bit(bytes, static_cast<int>(qstrnlen(bytes, static_cast<uint>(size))));
+}
+} // namespace
+
+StreamReassemblyConfig StreamReassemblyConfig::serial()
+{
+    StreamReassemblyConfig config;
+    config.linkByte = 1;
+    config.turnSleepMs = 3;
+    config.framesAnnounceBlocks = true;
+    config.blockWaitAttempts = 150;
+    config.blockWaitSleepMs = 4;
+    config.blockSetsSourceText = true;
+    config.checkFailureLog = QStringLiteral("PortSerial::getArrayData   dataStr==");
+    return config;
+}
+
+StreamReassemblyConfig StreamReassemblyConfig::usb()
+{
+    StreamReassemblyConfig config;
+    config.linkByte = 2;
+    config.sourceText = QStringLiteral("USB");
+    config.turnSleepMs = 20;
+    config.framesAnnounceBlocks = false;
+    config.blockWaitAttempts = 200;
+    config.blockWaitSleepMs = 20;
+    config.blockSetsSourceText = false;
+    config.checkFailureLog = QStringLiteral("PortUSB::getArrayData   dataStr==");
+    return config;
+}
+
+bool announcesBlock(const ProtocolData &record)
+{
+    const quint8 b2 = record.paramBytes[1];
+    const quint8 b3 = record.paramBytes[2];
+    return b2 == 0x79 || b2 == 0xE1 || (b2 == 0x8E && b3 == 0x27);
+}
+
+unsigned short announcedBlockLength(const ProtocolData &record)
+{
+    return static_cast<unsigned short>(record.paramBytes[4] + 256 * record.paramBytes[5]);
+}
+
+StreamReassembler::StreamReassembler(StreamReassemblyConfig config, ReplyHandOff &handOff, SleepFunction sleep)
+    : m_config(std::move(config))
+    , m_handOff(handOff)
+    , m_sleep(std::move(sleep))
+    , m_sourceText(m_config.sourceText)
+{
+}
+
+void StreamReassembler::setSourceText(const QString &text)
+{
+    std::lock_guard<std::mutex> guard(m_sourceLock);
+    m_sourceText = text;
+}
+
+QString StreamReassembler::sourceText() const
+{
+    std::lock_guard<std::mutex> guard(m_sourceLock);
+    return m_sourceText;
+}
+
+void StreamReassembler::setDeviceType(ModulelEnum::DeviceType type)
+{
+    m_deviceType.store(type);
+}
+
+ModulelEnum::DeviceType StreamReassembler::deviceType() const
+{
+    return m_deviceType.load();
+}
+
+void StreamReassembler::sleepFor(int milliseconds) const
+{
+    if (m_sleep)
+        m_sleep(milliseconds);
+    else
+        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+void StreamReassembler::run(const std::atomic<bool> &runFlag, std::atomic<bool> *exitedFlag)
+{
+    if (exitedFlag)
+        exitedFlag->store(false);
+    // The run flag is looked at on entry and after each turn only, so a stop
+    // takes effect at the end of the turn in progress.
+    while (runFlag.load())
+        dealTurn();
+    if (exitedFlag)
+        exitedFlag->store(true);
+}
+
+void StreamReassembler::dealTurn()
+{
+    sleepFor(m_config.turnSleepMs);
+    QByteArray snapshot = getBuffData(kSnapshotSize);
+    if (snapshot.size() < kFrameHeaderSize)
+        return; // wait for more data
+    if (!isFindStdCmdPreFlag(snapshot))
+        return;
+    // The front has moved: look again.
+    snapshot = getBuffData(kSnapshotSize);
+    if (snapshot.size() < kFrameHeaderSize)
+        return;
+    if (snapshot.at(0) == '[' && snapshot.at(1) == 'R' && snapshot.at(kFrameEndOffset) == ']')
+        checkCMD(snapshot);
+    else
+        takeBuffData(1); // not a frame: drop its "[" and resynchronise next turn
+}
+
+bool StreamReassembler::isFindStdCmdPreFlag(const QByteArray &snapshot)
+{
+    const int start = snapshot.indexOf('[');
+    if (start < 0) {
+        // Everything examined is garbage; bytes that arrived since stay.
+        takeBuffData(static_cast<unsigned short>(qMin(snapshot.size(), 0xFFFF)));
+        return false;
+    }
+    takeBuffData(static_cast<unsigned short>(qMin(start, 0xFFFF)));
+    const QByteArray front = getBuffData(kSnapshotSize);
+    if (front.size() < 2)
+        return false; // the "[" waits for its next byte
+    if (front.at(1) == 'R')
+        return true;
+    takeBuffData(1);
+    return false;
+}
+
+bool StreamReassembler::checkCMD(const QByteArray &frame)
+{
+    if (frame.size() < kFrameHeaderSize)
+        return false;
+    const QByteArray header = frame.left(kFrameHeaderSize);
+    ProtocolData record;
+    if (!getArrayData(header, &record)) {
+        takeBuffData(1); // drop the "[": the rest is scanned again as data
+        return false;
+    }
+    takeBuffData(kFrameHeaderSize);
+    const QString received = QStringLiteral("Recv data:") + textUpToZero(header.constData(), kFrameHeaderSize);
+
+    if (m_config.framesAnnounceBlocks && announcesBlock(record)) {
+        if (checkBlock(record, announcedBlockLength(record))) {
+            debugLine(received);
+            return true;
+        }
+        // One line: the frame, a blank, then the failure text.
+        debugLine(received + QStringLiteral(" CheckBlock default:"));
+        return false;
+    }
+
+    debugLine(received);
+    stamp(record, true);
+    m_handOff.deliverDetached(record);
+    return true;
+}
+
+bool StreamReassembler::checkBlock(ProtocolData record, unsigned short length)
+{
+    QByteArray block;
+    if (length > 0) {
+        bool complete = false;
+        for (int attempt = 0; attempt < m_config.blockWaitAttempts; ++attempt) {
+            block = getBuffData(length);
+            if (block.size() == length) {
+                complete = true;
+                break;
+            }
+            // Sleep without the buffer lock: the receive path keeps appending.
+            sleepFor(m_config.blockWaitSleepMs);
+        }
+        if (!complete)
+            return false; // nothing consumed
+        takeBuffData(length);
+        const auto *bytes = reinterpret_cast<const unsigned char *>(block.constData());
+        unsigned sum = 0;
+        for (int i = 0; i + 1 < length; ++i)
+            sum += bytes[i];
+        if ((sum & 0xFF) != bytes[length - 1])
+            return false; // the block stays consumed
+    }
+    record.payload = block;
+    stamp(record, m_config.blockSetsSourceText);
+    addToReceivedQueue(record);
+    return true;
+}
+
+bool StreamReassembler::getArrayData(const QByteArray &frame, ProtocolData *out) const
+{
+    // Bytes 2..17; a shorter frame reads as if it ended in zero bytes.
+    char digits[kDigitCount] = {};
+    const int available = qBound(0, frame.size() - kDigitsOffset, kDigitCount);
+    if (available > 0)
+        std::memcpy(digits, frame.constData() + kDigitsOffset, static_cast<size_t>(available));
+
+    int values[kReplyPairs];
+    readHexPairs(digits, values);
+    unsigned sum = 0;
+    for (int i = 0; i < kReplyPairs - 1; ++i)
+        sum += static_cast<quint8>(values[i]);
+    sum &= 0xFF;
+    // The check byte is compared as the whole converted number, so a pair such
+    // as "-1" never matches.
+    if (values[kReplyPairs - 1] != static_cast<int>(sum)) {
+        debugLine(m_config.checkFailureLog + textUpToZero(digits, kDigitCount));
+        return false;
+    }
+    ProtocolData decoded;
+    decoded.commandByte = static_cast<quint8>(values[0]);
+    for (int i = 0; i < 6; ++i)
+        decoded.paramBytes[i] = static_cast<quint8>(values[i + 1]);
+    decoded.checksumByte = static_cast<quint8>(sum);
+    *out = decoded;
+    return true;
+}
+
+void StreamReassembler::addToReceivedQueue(const ProtocolData &record) const
+{
+    m_handOff.deliver(record);
+}
+
+void StreamReassembler::stamp(ProtocolData &record, bool setSourceText) const
+{
+    record.linkByte = m_config.linkByte;
+    if (setSourceText)
+        record.sourceText = sourceText();
+    record.deviceType = deviceType();
+}
+
+void StreamReassembler::appendBuffData(const QByteArray &data)
+{
+    MutexGuard guard(m_buffLock);
+    // A deep copy: the buffer never shares its bytes with another thread's array.
+    m_buffData.append(data.constData(), data.size());
+}
+
+QByteArray StreamReassembler::getBuffData(unsigned short n) const
+{
+    MutexGuard guard(m_buffLock);
+    return QByteArray(m_buffData.constData(), qMin<int>(n, m_buffData.size()));
+}
+
+QByteArray StreamReassembler::takeBuffData(unsigned short n)
+{
+    MutexGuard guard(m_buffLock);
+    const int count = qMin<int>(n, m_buffData.size());
+    QByteArray front(m_buffData.constData(), count);
+    m_buffData.remove(0, count);
+    return front;
+}
+
+void StreamReassembler::clearBuffData()
+{
+    MutexGuard guard(m_buffLock);
+    m_buffData.clear();
+}
+
+QByteArray StreamReassembler::buffData() const
+{
+    MutexGuard guard(m_buffLock);
+    return QByteArray(m_buffData.constData(), m_buffData.size());
+}
+
+} // namespace comm

@@ -1,0 +1,137 @@
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+
+#include <QByteArray>
+#include <QMutex>
+#include <QString>
+#include <QtGlobal>
+
+#include "ModulelEnum.h"
+#include "ProtocolData.h"
+
+namespace comm {
+
+class ReplyHandOff;
+
+// How one link reassembles reply frames from its byte stream. The serial and
+// USB links share the mechanism and differ only in these values; serial() and
+// usb() give the two sets the transports use.
+struct StreamReassemblyConfig
+{
+    // Link byte stamped on every record (1 serial, 2 USB).
+    quint8 linkByte = 1;
+    // Source text stamped on every record until setSourceText changes it
+    // (serial: the port name, set on open; USB: "USB").
+    QString sourceText;
+    // Sleep at the start of every worker turn, in milliseconds.
+    int turnSleepMs = 3;
+    // Whether checkCMD looks for a block announcement and waits for the block
+    // (serial). Without it every valid frame is queued at once with an empty
+    // payload (USB).
+    bool framesAnnounceBlocks = true;
+    // checkBlock's wait: how many times it looks for the whole block, and how
+    // long it sleeps after each look that finds too few bytes.
+    int blockWaitAttempts = 150;
+    int blockWaitSleepMs = 4;
+    // Whether checkBlock stamps the source text on the record (serial), or
+    // leaves the record's source text as the caller passed it (USB).
+    bool blockSetsSourceText = true;
+    // Text logged, followed by the 16 digits, when a frame's check byte does
+    // not match.
+    QString checkFailureLog;
+
+    static StreamReassemblyConfig serial();
+    static StreamReassemblyConfig usb();
+};
+
+// Reply reassembly for a byte stream (serial line, USB input reports).
+//
+// It owns the link's receive buffer and the QMutex that guards it. The
+// receive path appends; one worker (run(), or dealTurn() one turn at a time)
+// consumes from the front: it drops bytes up to a "[" "R" frame start, checks
+// the 19-byte frame "[" "R" 16 hex digits "]" and its check byte, on serial
+// waits for the raw block the frame announces, and hands each reply record to
+// the command module's receive queue through the given ReplyHandOff.
+//
+// The sleep function is injectable so that tests and fuzzers can drive the
+// mechanism without real time passing.
+class StreamReassembler
+{
+public:
+    using SleepFunction = std::function<void(int milliseconds)>;
+
+    // Number of bytes a turn looks at, at most.
+    static constexpr unsigned short kSnapshotSize = 1024;
+
+    // handOff must outlive this object. An empty sleep function means real
+    // sleeping.
+    StreamReassembler(StreamReassemblyConfig config, ReplyHandOff &handOff, SleepFunction sleep = {});
+    StreamReassembler(const StreamReassembler &) = delete;
+    StreamReassembler &operator=(const StreamReassembler &) = delete;
+
+    const StreamReassemblyConfig &config() const { return m_config; }
+
+    // Stamped on every record from now on.
+    void setSourceText(const QString &text);
+    QString sourceText() const;
+    void setDeviceType(ModulelEnum::DeviceType type);
+    ModulelEnum::DeviceType deviceType() const;
+
+    // The worker's body: turns until runFlag is false at the end of a turn
+    // (or on entry). When exitedFlag is given it is set false on entry and true
+    // as the worker's last act, for a stopping side that waits on it.
+    void run(const std::atomic<bool> &runFlag, std::atomic<bool> *exitedFlag);
+
+    // One worker turn: the turn sleep, then at most one frame handled.
+    void dealTurn();
+
+    // Drops bytes up to the first "[" of snapshot (all of them when there is
+    // none); true when the buffer now starts with "[" "R".
+    bool isFindStdCmdPreFlag(const QByteArray &snapshot);
+    // Checks and consumes the frame at the buffer's front (and on serial its
+    // block); true when a record was produced.
+    bool checkCMD(const QByteArray &frame);
+    // Waits for, checks and consumes a block of length bytes, completes
+    // record with it and queues it at once; true when the record was queued.
+    bool checkBlock(ProtocolData record, unsigned short length);
+    // Decodes the 16 digits at bytes 2..17 of frame; when their check byte
+    // matches, *out becomes the decoded record and true is returned.
+    bool getArrayData(const QByteArray &frame, ProtocolData *out) const;
+    // Queues record at once, on the calling thread.
+    void addToReceivedQueue(const ProtocolData &record) const;
+
+    // Receive buffer operations, each one critical section under the lock.
+    void appendBuffData(const QByteArray &data);
+    QByteArray getBuffData(unsigned short n) const;
+    QByteArray takeBuffData(unsigned short n);
+    void clearBuffData();
+    // A copy of the whole buffer.
+    QByteArray buffData() const;
+
+private:
+    void stamp(ProtocolData &record, bool setSourceText) const;
+    void sleepFor(int milliseconds) const;
+
+    const StreamReassemblyConfig m_config;
+    ReplyHandOff &m_handOff;
+    const SleepFunction m_sleep;
+
+    QByteArray m_buffData;
+    mutable QMutex m_buffLock;
+
+    mutable std::mutex m_sourceLock;
+    QString m_sourceText;
+    std::atomic<ModulelEnum::DeviceType> m_deviceType{ModulelEnum::DeviceUnknown};
+};
+
+// Whether a reply's parameter bytes announce a raw block after the frame:
+// B2 = 0x79, B2 = 0xE1, or B2 = 0x8E with B3 = 0x27.
+bool announcesBlock(const ProtocolData &record);
+
+// The block length a reply announces: B5 + 256 * B6.
+unsigned short announcedBlockLength(const ProtocolData &record);
+
+} // namespace comm

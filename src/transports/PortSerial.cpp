@@ -1,0 +1,255 @@
+#include "PortSerial.h"
+
+#include <chrono>
+#include <thread>
+
+#include "CommandFrame.h"
+#include "DebugLog.h"
+#include "DetachedWork.h"
+#include "FrameHexText.h"
+#include "MutexGuard.h"
+#include "ReplyHandOff.h"
+#include "StreamReassembler.h"
+
+namespace {
+// How often a stopping side looks whether the worker has ended.
+constexpr auto kStopPoll = std::chrono::milliseconds(5);
+} // namespace
+
+PortSerial::PortSerial()
+    : m_handOff(std::make_unique<comm::ReplyHandOff>(m_dealFlag, comm::ReplyHandOff::Gate::Always))
+    , m_reassembler(std::make_unique<comm::StreamReassembler>(comm::StreamReassemblyConfig::serial(), *m_handOff))
+    , m_workers(std::make_unique<comm::DetachedWork>())
+{
+    m_com = new QSerialPort();
+    connect(m_com, &QIODevice::readyRead, this, &PortSerial::readPendingDatagrams);
+}
+
+PortSerial::~PortSerial()
+{
+    disconnect(m_com, &QIODevice::readyRead, this, &PortSerial::readPendingDatagrams);
+    if (m_com->isOpen()) {
+        stopWorker();
+        m_com->close();
+    }
+    // A worker can outlive the port: handleError closes the port without
+    // stopping it, and a reopen while the deal flag is false starts a second
+    // worker beside the first. Every worker still running is stopped here and
+    // waited for, so none touches this object once it is gone.
+    {
+        comm::MutexGuard guard(m_dealLock);
+        m_threadRun = false;
+    }
+    m_workers->waitUntilIdle();
+    delete m_com;
+    m_com = nullptr;
+    clearBuffers();
+    // Reply and queue-clearing threads refer to the hand-off.
+    m_handOff->waitForDetachedWork();
+}
+
+void PortSerial::setDeviceIP(QString) {}
+
+void PortSerial::setPort(int) {}
+
+bool PortSerial::openUSB(unsigned short, unsigned short)
+{
+    return false;
+}
+
+void PortSerial::closeUSB() {}
+
+void PortSerial::clearQueue()
+{
+    m_handOff->clearQueueDetached(m_cmdDeal);
+}
+
+void PortSerial::setDeviceType(ModulelEnum::DeviceType type)
+{
+    m_reassembler->setDeviceType(type);
+}
+
+bool PortSerial::openSerialPort(QString name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
+                                QSerialPort::Parity parity, QSerialPort::FlowControl flow,
+                                QSerialPort::DataBits dataBits)
+{
+    if (m_com->isOpen()) {
+        // While the deal flag is false the running worker is left alone, so a
+        // second one starts beside it below; the destructor stops both.
+        if (m_dealFlag)
+            stopWorker();
+        m_com->close();
+        clearBuffers();
+    }
+    m_com->setPortName(name);
+    m_com->setBaudRate(baud, QSerialPort::AllDirections);
+    m_com->setDataBits(dataBits);
+    m_com->setParity(parity);
+    m_com->setStopBits(stopBits);
+    m_com->setFlowControl(flow);
+    // Replies name the port as the port object reports it.
+    m_reassembler->setSourceText(m_com->portName());
+    if (!m_com->open(QIODevice::ReadWrite))
+        return false;
+    {
+        comm::MutexGuard guard(m_dealLock);
+        m_threadRun = true;
+    }
+    if (!m_workers->tryStart([this] { ThreadDealDataFunc(); })) {
+        // No thread to reassemble replies: a port without one is no use.
+        {
+            comm::MutexGuard guard(m_dealLock);
+            m_threadRun = false;
+        }
+        m_com->close();
+        return false;
+    }
+    return true;
+}
+
+void PortSerial::closeSerialPort()
+{
+    if (!m_com->isOpen())
+        return;
+    stopWorker();
+    m_com->close();
+    clearBuffers();
+}
+
+void PortSerial::setDealFlag(bool value)
+{
+    comm::MutexGuard guard(m_dealLock);
+    m_threadRun = value;
+}
+
+void PortSerial::stopWorker()
+{
+    {
+        comm::MutexGuard guard(m_dealLock);
+        m_threadRun = false;
+    }
+    // The worker notices at the end of its turn, which may include a block
+    // wait; it then sets the exited flag as its last act.
+    while (!m_threadExited)
+        std::this_thread::sleep_for(kStopPoll);
+}
+
+void PortSerial::clearBuffers()
+{
+    m_reassembler->clearBuffData();
+    m_auxData1.clear();
+    m_auxData2.clear();
+}
+
+void PortSerial::handleError(QSerialPort::SerialPortError error)
+{
+    if (error == QSerialPort::ResourceError && m_com->isOpen())
+        m_com->close();
+}
+
+void PortSerial::readPendingDatagrams()
+{
+    while (m_com->bytesAvailable() != 0) {
+        const QByteArray data = m_com->readAll();
+        if (m_dealFlag)
+            appendBuffData(data);
+    }
+}
+
+void PortSerial::sendDatatoDevice(void *parameters)
+{
+    const ProtocolData record = *static_cast<const ProtocolData *>(parameters);
+    const QByteArray frame = produceCmds(record);
+    sendComData(frame);
+    // The header only: it is already text; the payload is raw.
+    comm::debugLine(QStringLiteral("Send data:") + QString::fromLatin1(frame.constData(), comm::kFrameHeaderSize));
+}
+
+QByteArray PortSerial::produceCmds(ProtocolData record)
+{
+    return comm::produceCmds(record);
+}
+
+QByteArray PortSerial::changeData(QByteArray data)
+{
+    return comm::changeData(data);
+}
+
+void PortSerial::sendComData(QByteArray data)
+{
+    if (!m_com->isOpen())
+        return;
+    // "m_com->write", a blank, the byte count.
+    comm::debugLine(QStringLiteral("m_com->write %1").arg(data.size()));
+    const qint64 written = writeComData(data.constData(), data.size());
+    if (written == data.size())
+        comm::debugLine(QStringLiteral("Send successful"));
+    else if (written == -1)
+        comm::debugLine(QStringLiteral("Send failed"));
+    // A partial write is not reported.
+}
+
+qint64 PortSerial::writeComData(const char *data, qint64 size)
+{
+    return m_com->write(data, size);
+}
+
+void PortSerial::ThreadDealDataFunc()
+{
+    m_reassembler->run(m_threadRun, &m_threadExited);
+}
+
+bool PortSerial::isFindStdCmdPreFlag(QByteArray snapshot)
+{
+    return m_reassembler->isFindStdCmdPreFlag(snapshot);
+}
+
+bool PortSerial::checkCMD(QByteArray frame)
+{
+    return m_reassembler->checkCMD(frame);
+}
+
+bool PortSerial::checkBlock(ProtocolData record, unsigned short length)
+{
+    return m_reassembler->checkBlock(record, length);
+}
+
+bool PortSerial::getArrayData(QByteArray frame, ProtocolData *out)
+{
+    return m_reassembler->getArrayData(frame, out);
+}
+
+void PortSerial::addToReceivedQueue(ProtocolData record)
+{
+    m_reassembler->addToReceivedQueue(record);
+}
+
+void PortSerial::setRetFlagStatus(bool value)
+{
+    comm::setRetFlagStatus(value);
+}
+
+void PortSerial::appendBuffData(QByteArray data)
+{
+    m_reassembler->appendBuffData(data);
+}
+
+QByteArray PortSerial::getBuffData(unsigned short n)
+{
+    return m_reassembler->getBuffData(n);
+}
+
+QByteArray PortSerial::takeBuffData(unsigned short n)
+{
+    return m_reassembler->takeBuffData(n);
+}
+
+QByteArray PortSerial::buffData() const
+{
+    return m_reassembler->buffData();
+}
+
+int PortSerial::runningWorkers() const
+{
+    return m_workers->running();
+}

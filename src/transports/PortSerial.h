@@ -1,0 +1,118 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include <QByteArray>
+#include <QMutex>
+#include <QSerialPort>
+#include <QString>
+
+#include "CmdDealModule.h"
+#include "ModulelEnum.h"
+#include "PortBase.h"
+#include "ProtocolData.h"
+
+namespace comm {
+class DetachedWork;
+class ReplyHandOff;
+class StreamReassembler;
+} // namespace comm
+
+// The serial (COM) line transport. openSerialPort applies the line settings,
+// opens the port and starts the reassembly worker, which cuts reply frames
+// (and their raw blocks) out of the received bytes and queues them for the
+// command module. Commands are written synchronously on the caller's thread.
+//
+// The port's error signal is not connected here: an application that wants a
+// vanished device to close the port connects QSerialPort::errorOccurred of
+// m_com to handleError.
+class PortSerial : public PortBase
+{
+    Q_OBJECT
+
+public:
+    PortSerial();
+    ~PortSerial() override;
+
+    // Network and USB operations: no meaning on a serial line.
+    void setDeviceIP(QString ip) override;
+    void setPort(int port) override;
+    bool openUSB(unsigned short vid, unsigned short pid) override;
+    void closeUSB() override;
+
+    void clearQueue() override;
+    void setDeviceType(ModulelEnum::DeviceType type) override;
+
+    // Closes the port first if it is open, applies the settings in a fixed
+    // order (name, baud rate, data bits, parity, stop bits, flow control),
+    // opens read-write and starts the reassembly worker. False when the port
+    // does not open.
+    bool openSerialPort(QString name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
+                        QSerialPort::Parity parity, QSerialPort::FlowControl flow,
+                        QSerialPort::DataBits dataBits) override;
+    // Stops the worker, closes the port and empties the buffers; nothing when
+    // the port is not open.
+    void closeSerialPort() override;
+    // Sets the worker's run flag: false stops the worker at the end of its
+    // turn, true does not start one (only openSerialPort does).
+    void setDealFlag(bool value);
+
+    QByteArray produceCmds(ProtocolData record);
+    QByteArray changeData(QByteArray data);
+    // Writes data in one call when the port is open, logging the outcome.
+    void sendComData(QByteArray data);
+
+    // Reply reassembly, on this transport's receive buffer.
+    void ThreadDealDataFunc();
+    bool isFindStdCmdPreFlag(QByteArray snapshot);
+    bool checkCMD(QByteArray frame);
+    bool checkBlock(ProtocolData record, unsigned short length);
+    bool getArrayData(QByteArray frame, ProtocolData *out);
+    void addToReceivedQueue(ProtocolData record);
+    void setRetFlagStatus(bool value);
+
+    // Receive buffer.
+    void appendBuffData(QByteArray data);
+    QByteArray getBuffData(unsigned short n);
+    QByteArray takeBuffData(unsigned short n);
+    // A copy of the whole receive buffer.
+    QByteArray buffData() const;
+
+    // Reassembly workers started by this object and still running.
+    int runningWorkers() const;
+
+    // The worker runs while this is true; it is written under m_dealLock.
+    std::atomic<bool> m_threadRun{false};
+    // Set by the worker as its last act; the stopping side waits for it.
+    std::atomic<bool> m_threadExited{false};
+    // The port, owned by the transport.
+    QSerialPort *m_com = nullptr;
+
+signals:
+    void signalUSBChanged(bool);
+
+public slots:
+    // Moves the bytes the port has received into the receive buffer, or drops
+    // them while the deal flag is false.
+    void readPendingDatagrams();
+    void sendDatatoDevice(void *parameters) override;
+    // A resource error (device gone) closes an open port; nothing else does.
+    void handleError(QSerialPort::SerialPortError error);
+
+protected:
+    // The one write call of sendComData. Returns what QIODevice::write returns.
+    virtual qint64 writeComData(const char *data, qint64 size);
+
+private:
+    void stopWorker();
+    void clearBuffers();
+
+    CmdDealModule m_cmdDeal;
+    QMutex m_dealLock;
+    QByteArray m_auxData1;
+    QByteArray m_auxData2;
+    std::unique_ptr<comm::ReplyHandOff> m_handOff;
+    std::unique_ptr<comm::StreamReassembler> m_reassembler;
+    std::unique_ptr<comm::DetachedWork> m_workers;
+};
