@@ -1,0 +1,271 @@
+// commctl run as a process: against its own simulator over UDP on loopback and
+// over pseudo-terminals.
+#include <QtTest>
+
+#include <fcntl.h>
+#include <pty.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace {
+const QString kCommctl = QStringLiteral(COMMCTL_PATH);
+
+struct Run
+{
+    int exitCode = -1;
+    QByteArray out;
+    QByteArray err;
+};
+
+Run runTool(const QStringList &arguments, int timeoutMs = 30000)
+{
+    QProcess process;
+    process.start(kCommctl, arguments);
+    Run run;
+    if (!process.waitForFinished(timeoutMs)) {
+        process.kill();
+        process.waitForFinished(5000);
+        run.err = "timed out";
+        return run;
+    }
+    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -2;
+    run.out = process.readAllStandardOutput();
+    run.err = process.readAllStandardError();
+    return run;
+}
+
+// A simulator started in the background; its first output line says where it is.
+class Simulator
+{
+public:
+    explicit Simulator(const QStringList &link)
+    {
+        m_process.start(kCommctl, QStringList{"sim"} + link + QStringList{"--duration", "60000"});
+        QElapsedTimer timer;
+        timer.start();
+        while (!m_process.canReadLine() && timer.elapsed() < 20000)
+            m_process.waitForReadyRead(100);
+        m_where = QString::fromUtf8(m_process.readLine()).trimmed();
+    }
+    ~Simulator()
+    {
+        m_process.kill();
+        m_process.waitForFinished(5000);
+    }
+    QString where() const { return m_where; }
+
+private:
+    QProcess m_process;
+    QString m_where;
+};
+
+QJsonObject onlyRecord(const Run &run)
+{
+    const QList<QByteArray> lines = run.out.trimmed().split('\n');
+    if (lines.size() != 1)
+        return QJsonObject();
+    return QJsonDocument::fromJson(lines.first()).object();
+}
+
+QJsonArray zeros()
+{
+    return QJsonArray{0, 0, 0, 0, 0, 0};
+}
+} // namespace
+
+class TestCommctl : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void sendOverUdpPrintsReplyAsJson();
+    void sendOverUdpJoinsBlockDataIntoPayload();
+    void sendOverSerialPrintsReplyAsJson();
+    void sendOverSerialCarriesBlockPayload();
+    void listenOnSerialPrintsEveryRecord();
+    void readableOutputWithoutJson();
+    void libraryLogLinesGoToStandardError();
+    void refusedSendModeStillExitsZero();
+    void usageErrorExitsTwoNamingOption();
+    void unopenableSerialPortExitsOneSayingWhy();
+    void unopenableUsbDeviceExitsOne();
+    void simOnUsbWithoutUhidExitsOneSayingWhy();
+    void demoExitsZeroWithTranscript();
+};
+
+void TestCommctl::sendOverUdpPrintsReplyAsJson()
+{
+    Simulator sim({"--udp", "127.0.0.1:0"});
+    QVERIFY2(sim.where().startsWith("127.0.0.1:"), qPrintable(sim.where()));
+    const Run run = runTool({"send", "--udp", sim.where(), "--cmd", "1", "--params", "0,0,0,0,0,0", "--wait", "1500",
+                             "--json"});
+    QCOMPARE(run.exitCode, 0);
+    const QJsonObject record = onlyRecord(run);
+    QCOMPARE(record.value("link").toInt(), 0);
+    QCOMPARE(record.value("host").toString(), QStringLiteral("127.0.0.1"));
+    QCOMPARE(record.value("source").toString(), QStringLiteral("127.0.0.1"));
+    QCOMPARE(record.value("cmd").toInt(), 1);
+    QCOMPARE(record.value("params").toArray(), zeros());
+    QCOMPARE(record.value("checksum").toInt(), 1);
+    QCOMPARE(record.value("payload").toString(), QString());
+    QCOMPARE(record.value("deviceType").toInt(), 0);
+    QCOMPARE(run.out.trimmed(),
+             QByteArray("{\"link\":0,\"host\":\"127.0.0.1\",\"source\":\"127.0.0.1\",\"cmd\":1,\"params\":[0,0,0,0,0,0],"
+                        "\"checksum\":1,\"payload\":\"\",\"deviceType\":0}"));
+}
+
+void TestCommctl::sendOverUdpJoinsBlockDataIntoPayload()
+{
+    Simulator sim({"--udp", "127.0.0.1:0"});
+    const Run run = runTool({"send", "--udp", sim.where(), "--cmd", "0x20", "--params", "0,0x8b,0x09,0,0x81,0",
+                             "--device-type", "7", "--wait", "1500", "--json"});
+    QCOMPARE(run.exitCode, 0);
+    const QJsonObject record = onlyRecord(run);
+    QCOMPARE(record.value("cmd").toInt(), 0x20);
+    QCOMPARE(record.value("params").toArray(), (QJsonArray{0, 0x8B, 0x09, 0, 0x81, 0}));
+    QCOMPARE(record.value("checksum").toInt(), 0x35);
+    QCOMPARE(record.value("payload").toString().size(), 2 * 129);
+    QCOMPARE(record.value("payload").toString().left(8), QStringLiteral("20212223"));
+}
+
+void TestCommctl::sendOverSerialPrintsReplyAsJson()
+{
+    Simulator sim({"--serial"});
+    QVERIFY2(sim.where().startsWith("/dev/pts/"), qPrintable(sim.where()));
+    const Run run = runTool({"send", "--serial", sim.where(), "--cmd", "2", "--params", "0,0,0,0,0,0",
+                             "--device-type", "0x10", "--wait", "1500", "--json"});
+    QCOMPARE(run.exitCode, 0);
+    const QJsonObject record = onlyRecord(run);
+    QCOMPARE(record.value("link").toInt(), 1);
+    QCOMPARE(record.value("host").toString(), QString());
+    QCOMPARE(record.value("source").toString(), sim.where().mid(5)); // the port name, without /dev/
+    QCOMPARE(record.value("cmd").toInt(), 2);
+    QCOMPARE(record.value("params").toArray(), zeros());
+    QCOMPARE(record.value("checksum").toInt(), 2);
+    QCOMPARE(record.value("payload").toString(), QString());
+    QCOMPARE(record.value("deviceType").toInt(), 16);
+}
+
+void TestCommctl::sendOverSerialCarriesBlockPayload()
+{
+    Simulator sim({"--serial"});
+    const Run run = runTool({"send", "--serial", sim.where(), "--cmd", "0x30", "--params", "0,0x79,0,0,3,0", "--wait",
+                             "1500", "--json"});
+    QCOMPARE(run.exitCode, 0);
+    QCOMPARE(onlyRecord(run).value("payload").toString(), QStringLiteral("303161"));
+}
+
+void TestCommctl::listenOnSerialPrintsEveryRecord()
+{
+    int master = -1, slave = -1;
+    char name[256] = {};
+    QCOMPARE(::openpty(&master, &slave, name, nullptr, nullptr), 0);
+    termios settings{};
+    ::tcgetattr(master, &settings);
+    ::cfmakeraw(&settings);
+    ::tcsetattr(master, TCSANOW, &settings);
+
+    QProcess listener;
+    listener.start(kCommctl, {"listen", "--serial", QString::fromLocal8Bit(name), "--duration", "3000", "--json"});
+    QElapsedTimer timer;
+    timer.start();
+    QByteArray err;
+    while (!err.contains("commctl: listening") && timer.elapsed() < 20000) {
+        listener.waitForReadyRead(100);
+        err += listener.readAllStandardError();
+    }
+    QVERIFY2(err.contains("commctl: listening"), err.constData());
+    const QByteArray replies = QByteArray("junk[R0100000000000001]") + QByteArray("[R0200000000000002]");
+    QCOMPARE(::write(master, replies.constData(), size_t(replies.size())), ssize_t(replies.size()));
+    QVERIFY(listener.waitForFinished(30000));
+    QCOMPARE(listener.exitCode(), 0);
+    const QList<QByteArray> lines = listener.readAllStandardOutput().trimmed().split('\n');
+    ::close(master);
+    ::close(slave);
+    QCOMPARE(lines.size(), 2);
+    QSet<int> commands;
+    for (const QByteArray &line : lines) {
+        const QJsonObject record = QJsonDocument::fromJson(line).object();
+        QCOMPARE(record.value("link").toInt(), 1);
+        commands.insert(record.value("cmd").toInt());
+    }
+    QCOMPARE(commands, (QSet<int>{1, 2}));
+}
+
+void TestCommctl::readableOutputWithoutJson()
+{
+    Simulator sim({"--udp", "127.0.0.1:0"});
+    const Run run = runTool({"send", "--udp", sim.where(), "--cmd", "1", "--params", "0,0,0,0,0,0", "--wait", "1500"});
+    QCOMPARE(run.exitCode, 0);
+    QCOMPARE(run.out.trimmed(), QByteArray("reply via udp from 127.0.0.1: cmd 0x01 params 00 00 00 00 00 00 checksum "
+                                           "0x01, payload 0 bytes, device type 0"));
+}
+
+void TestCommctl::libraryLogLinesGoToStandardError()
+{
+    Simulator sim({"--udp", "127.0.0.1:0"});
+    const Run run = runTool({"send", "--udp", sim.where(), "--cmd", "1", "--params", "0,0,0,0,0,0", "--wait", "1000"});
+    const QList<QByteArray> lines = run.err.split('\n');
+    QVERIFY2(lines.contains("Send successful"), run.err.constData());
+    QVERIFY(lines.contains("Send data:[A0100000000000001]"));
+    QVERIFY(lines.contains("Recv data:[R0100000000000001]"));
+    QVERIFY(lines.contains("host ip:127.0.0.1"));
+}
+
+void TestCommctl::refusedSendModeStillExitsZero()
+{
+    Simulator sim({"--udp", "127.0.0.1:0"});
+    const Run run = runTool({"send", "--udp", sim.where(), "--cmd", "1", "--params", "0,0,0,0,0,0", "--mode", "2"});
+    QCOMPARE(run.exitCode, 0);
+    QVERIFY(run.err.split('\n').contains("Send data abnormal"));
+    QCOMPARE(run.out, QByteArray());
+}
+
+void TestCommctl::usageErrorExitsTwoNamingOption()
+{
+    const Run run = runTool({"send", "--udp", "127.0.0.1:9", "--cmd", "300", "--params", "0,0,0,0,0,0"});
+    QCOMPARE(run.exitCode, 2);
+    QVERIFY2(run.err.startsWith("commctl: bad value for --cmd: '300'"), run.err.constData());
+    QVERIFY(run.err.contains("usage:"));
+    QCOMPARE(run.out, QByteArray());
+    QCOMPARE(runTool({"listen", "--serial"}).exitCode, 2);
+    QCOMPARE(runTool({}).exitCode, 2);
+}
+
+void TestCommctl::unopenableSerialPortExitsOneSayingWhy()
+{
+    const Run run = runTool({"send", "--serial", "/dev/commctl-no-such-port", "--cmd", "1", "--params", "0,0,0,0,0,0"});
+    QCOMPARE(run.exitCode, 1);
+    QVERIFY2(run.err.contains("commctl: cannot open serial port /dev/commctl-no-such-port: "), run.err.constData());
+    QVERIFY2(run.err.contains("No such file or directory"), run.err.constData());
+}
+
+void TestCommctl::unopenableUsbDeviceExitsOne()
+{
+    const Run run = runTool({"listen", "--usb", "ffff:fffe", "--duration", "0"});
+    QCOMPARE(run.exitCode, 1);
+    QVERIFY2(run.err.contains("commctl: cannot open USB device ffff:fffe"), run.err.constData());
+}
+
+void TestCommctl::simOnUsbWithoutUhidExitsOneSayingWhy()
+{
+    if (::access("/dev/uhid", R_OK | W_OK) == 0)
+        QSKIP("/dev/uhid is usable here: the simulator would start");
+    const Run run = runTool({"sim", "--usb", "0483:5750", "--duration", "0"});
+    QCOMPARE(run.exitCode, 1);
+    QVERIFY2(run.err.contains("/dev/uhid"), run.err.constData());
+}
+
+void TestCommctl::demoExitsZeroWithTranscript()
+{
+    const Run run = runTool({"demo"}, 60000);
+    QCOMPARE(run.exitCode, 0);
+    QVERIFY(run.out.contains("== Network link"));
+    QVERIFY(run.out.contains("== Serial link"));
+    QVERIFY(run.out.contains("== USB link"));
+    QVERIFY(run.out.contains("-> a plain reply, handed over on its own thread: [A0100000000000001]"));
+    QVERIFY2(run.out.contains(", 0 missing"), run.out.constData());
+}
+
+QTEST_GUILESS_MAIN(TestCommctl)
+#include "tst_commctl.moc"
