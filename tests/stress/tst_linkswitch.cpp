@@ -1,0 +1,241 @@
+// Switching links through the factory again and again while every device keeps
+// talking: replies and garbage on the network, on a serial line and over USB.
+// Afterwards the receive queue must hold only valid replies that were really
+// sent, none twice, and nothing may have touched a deleted transport (the
+// sanitizer builds check that part).
+#include <QtTest>
+#include <QUdpSocket>
+
+#include <atomic>
+#include <fcntl.h>
+#include <mutex>
+#include <poll.h>
+#include <pty.h>
+#include <set>
+#include <termios.h>
+#include <thread>
+#include <unistd.h>
+
+#include "CommandFrame.h"
+#include "PortInterface.h"
+#include "ReceiveQueue.h"
+#include "ReplyFrames.h"
+
+namespace {
+constexpr int kSwitches = 1002; // a multiple of three: every link as often
+constexpr qint64 kDeadlineMs = 50000;
+
+// Which replies each device really sent, by link byte, command byte and the
+// sequence number carried in the parameter bytes.
+class SentReplies
+{
+public:
+    void add(quint8 link, quint8 cmd, quint32 seq)
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_sent.insert(key(link, cmd, seq));
+    }
+    bool contains(quint8 link, quint8 cmd, quint32 seq) const
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_sent.count(key(link, cmd, seq)) != 0;
+    }
+    size_t size() const
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_sent.size();
+    }
+    static quint64 key(quint8 link, quint8 cmd, quint32 seq) { return quint64(link) << 40 | quint64(cmd) << 32 | seq; }
+
+private:
+    mutable std::mutex m_lock;
+    std::set<quint64> m_sent;
+};
+
+// Parameter bytes carrying a sequence number, with P2 = 0 and no block
+// announced on any link: P1 low byte, P3 middle, P4 high.
+std::array<quint8, 7> sequenced(quint8 cmd, quint32 seq)
+{
+    return {cmd, quint8(seq), 0x00, quint8(seq >> 8), quint8(seq >> 16), 0x00, 0x00};
+}
+
+quint32 sequenceOf(const ProtocolData &record)
+{
+    return quint32(record.paramBytes[0]) | quint32(record.paramBytes[2]) << 8 | quint32(record.paramBytes[3]) << 16;
+}
+
+// The network device: answers every command with one valid reply and two
+// garbage datagrams, from its own port on 127.0.0.1.
+class UdpDevice : public QObject
+{
+public:
+    explicit UdpDevice(SentReplies &sent)
+        : m_sent(sent)
+    {
+        m_socket.bind(QHostAddress(QHostAddress::LocalHost), 0);
+        connect(&m_socket, &QUdpSocket::readyRead, this, [this] { answer(); });
+    }
+    quint16 port() const { return m_socket.localPort(); }
+
+private:
+    void answer()
+    {
+        for (int i = 0; i < 100 && m_socket.hasPendingDatagrams(); ++i) {
+            QByteArray datagram(int(qMax<qint64>(m_socket.pendingDatagramSize(), 0)), '\0');
+            QHostAddress sender;
+            quint16 senderPort = 0;
+            m_socket.readDatagram(datagram.data(), datagram.size(), &sender, &senderPort);
+            const quint32 seq = m_next++;
+            const QByteArray reply = replyframes::frame(sequenced(0xA1, seq));
+            m_sent.add(0, 0xA1, seq);
+            m_socket.writeDatagram(reply, sender, senderPort);
+            m_socket.writeDatagram(QByteArray("garbage"), sender, senderPort);
+            m_socket.writeDatagram(QByteArray("[R0000000000000099]"), sender, senderPort); // wrong check byte
+        }
+    }
+
+    QUdpSocket m_socket;
+    SentReplies &m_sent;
+    quint32 m_next = 0;
+};
+
+// The serial device: a pseudo-terminal whose master side a thread keeps
+// writing valid frames and garbage to, whoever has the slave side open.
+class SerialDevice
+{
+public:
+    explicit SerialDevice(SentReplies &sent)
+        : m_sent(sent)
+    {
+        char name[256] = {};
+        if (::openpty(&m_master, &m_slave, name, nullptr, nullptr) != 0)
+            return;
+        termios settings{};
+        ::tcgetattr(m_master, &settings);
+        ::cfmakeraw(&settings);
+        ::tcsetattr(m_master, TCSANOW, &settings);
+        ::fcntl(m_master, F_SETFL, ::fcntl(m_master, F_GETFL) | O_NONBLOCK);
+        m_path = QString::fromLocal8Bit(name);
+        m_writer = std::thread([this] { write(); });
+    }
+    ~SerialDevice()
+    {
+        m_stop = true;
+        if (m_writer.joinable())
+            m_writer.join();
+        if (m_master >= 0)
+            ::close(m_master);
+        if (m_slave >= 0)
+            ::close(m_slave);
+    }
+    QString path() const { return m_path; }
+
+private:
+    void write()
+    {
+        QByteArray pending;
+        quint32 seq = 0;
+        QElapsedTimer timer;
+        timer.start();
+        // Bounded: at most the test's deadline, and a fixed number of frames.
+        while (!m_stop && timer.elapsed() < kDeadlineMs + 10000 && seq < 200000) {
+            if (pending.isEmpty()) {
+                static const char *const garbage[] = {"zz", "\x00\xff\x7f", "[Q", "[Rxx", "]]"};
+                pending = QByteArray(garbage[seq % 5]) + replyframes::frame(sequenced(0xB2, seq));
+                m_sent.add(1, 0xB2, seq); // counted once fully queued for writing: the stream stays whole
+                ++seq;
+            }
+            const ssize_t n = ::write(m_master, pending.constData(), size_t(pending.size()));
+            if (n > 0)
+                pending.remove(0, int(n));
+            else
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            if (seq % 8 == 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
+    SentReplies &m_sent;
+    int m_master = -1;
+    int m_slave = -1;
+    QString m_path;
+    std::atomic<bool> m_stop{false};
+    std::thread m_writer;
+};
+
+void pumpEvents(int ms)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < ms)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+}
+} // namespace
+
+class TestLinkSwitch : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void switchingLinksUnderTrafficKeepsOnlySentReplies();
+};
+
+void TestLinkSwitch::switchingLinksUnderTrafficKeepsOnlySentReplies()
+{
+    // Thousands of log lines would only bury the result.
+    QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
+    testqueue::reset();
+    SentReplies sent;
+    UdpDevice udp(sent);
+    SerialDevice serial(sent);
+    QVERIFY(!serial.path().isEmpty());
+
+    QElapsedTimer timer;
+    timer.start();
+    int switches = 0;
+    for (; switches < kSwitches && timer.elapsed() < kDeadlineMs; ++switches) {
+        const int type = switches % 3;
+        PortBase *port = PortInterface::creatCoreObj(ConnType(type));
+        QCOMPARE(PortInterface::iCORE, port);
+        if (type == ConnSerial) {
+            QVERIFY(port->openSerialPort(serial.path(), QSerialPort::Baud115200, QSerialPort::OneStop,
+                                         QSerialPort::NoParity, QSerialPort::NoFlowControl, QSerialPort::Data8));
+        } else if (type == ConnUDP) {
+            port->setDeviceIP(QStringLiteral("127.0.0.1"));
+            port->setPort(udp.port());
+            ProtocolData command;
+            command.commandByte = 0x01;
+            void *parameters = &command;
+            port->sendDatatoDevice(parameters);
+        }
+        // Let replies arrive, some of them only while the next switch happens.
+        pumpEvents(switches % 7);
+    }
+    delete PortInterface::iCORE;
+    PortInterface::iCORE = nullptr;
+    QCOMPARE(switches, kSwitches);
+
+    const std::vector<ProtocolData> records = testqueue::records();
+    std::set<quint64> seen;
+    int perLink[3] = {0, 0, 0};
+    for (const ProtocolData &record : records) {
+        QVERIFY(record.linkByte <= 2);
+        QCOMPARE(record.checksumByte, comm::commandChecksum(record));
+        const quint32 seq = sequenceOf(record);
+        QVERIFY2(sent.contains(record.linkByte, record.commandByte, seq),
+                 qPrintable(QStringLiteral("link %1 cmd %2 seq %3 was never sent")
+                                .arg(record.linkByte)
+                                .arg(record.commandByte)
+                                .arg(seq)));
+        QVERIFY2(seen.insert(SentReplies::key(record.linkByte, record.commandByte, seq)).second, "a reply queued twice");
+        ++perLink[record.linkByte];
+    }
+    qInfo("%d switches in %lld ms; queued replies: network %d, serial %d, usb %d (of %zu sent)", switches,
+          timer.elapsed(), perLink[0], perLink[1], perLink[2], sent.size());
+    QVERIFY(perLink[0] > 0);
+    QVERIFY(perLink[1] > 0);
+    testqueue::reset();
+}
+
+QTEST_GUILESS_MAIN(TestLinkSwitch)
+#include "tst_linkswitch.moc"
