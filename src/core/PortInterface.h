@@ -3,7 +3,7 @@
 #include "PortBase.h"
 
 // The link a transport is created for.
-enum ConnType {
+enum ConnType : int {
     ConnUSB = 0,
     ConnSerial = 1,
     ConnUDP = 2, // and every other value: an unknown type gives a network transport

@@ -220,21 +220,18 @@ bool StreamReassembler::getArrayData(const QByteArray &frame, ProtocolData *out)
 
     int values[kReplyPairs];
     readHexPairs(digits, values);
-    unsigned sum = 0;
-    for (int i = 0; i < kReplyPairs - 1; ++i)
-        sum += static_cast<quint8>(values[i]);
-    sum &= 0xFF;
+    ProtocolData decoded;
+    decoded.commandByte = static_cast<quint8>(values[0]);
+    for (int i = 0; i < 6; ++i)
+        decoded.paramBytes[i] = static_cast<quint8>(values[i + 1]);
+    const quint8 sum = commandChecksum(decoded);
     // The check byte is compared as the whole converted number, so a pair such
     // as "-1" never matches.
     if (values[kReplyPairs - 1] != static_cast<int>(sum)) {
         debugLine(m_config.checkFailureLog + textUpToZero(digits, kDigitCount));
         return false;
     }
-    ProtocolData decoded;
-    decoded.commandByte = static_cast<quint8>(values[0]);
-    for (int i = 0; i < 6; ++i)
-        decoded.paramBytes[i] = static_cast<quint8>(values[i + 1]);
-    decoded.checksumByte = static_cast<quint8>(sum);
+    decoded.checksumByte = sum;
     *out = decoded;
     return true;
 }

@@ -8,6 +8,7 @@
 #include "DetachedWork.h"
 #include "FrameHexText.h"
 #include "MutexGuard.h"
+#include "OwnerThread.h"
 #include "ReplyHandOff.h"
 #include "StreamReassembler.h"
 
@@ -80,6 +81,10 @@ bool PortSerial::openSerialPort(QString name, QSerialPort::BaudRate baud, QSeria
             stopWorker();
         m_com->close();
         clearBuffers();
+    } else if (m_dealFlag && m_workers->running() > 0) {
+        // handleError closed the port but left its worker running: this open
+        // restarts it, so that one worker at most reads the buffer.
+        stopWorker();
     }
     m_com->setPortName(name);
     m_com->setBaudRate(baud, QSerialPort::AllDirections);
@@ -128,9 +133,11 @@ void PortSerial::stopWorker()
         comm::MutexGuard guard(m_dealLock);
         m_threadRun = false;
     }
-    // The worker notices at the end of its turn, which may include a block
-    // wait; it then sets the exited flag as its last act.
-    while (!m_threadExited)
+    // A worker notices at the end of its turn, which may include a block
+    // wait, then sets the exited flag as its last act. Every worker started
+    // here is counted from the moment it is started, so a worker that has not
+    // yet run is waited for too.
+    while (m_workers->running() > 0)
         std::this_thread::sleep_for(kStopPoll);
 }
 
@@ -177,16 +184,18 @@ QByteArray PortSerial::changeData(QByteArray data)
 
 void PortSerial::sendComData(QByteArray data)
 {
-    if (!m_com->isOpen())
-        return;
-    // "m_com->write", a blank, the byte count.
-    comm::debugLine(QStringLiteral("m_com->write %1").arg(data.size()));
-    const qint64 written = writeComData(data.constData(), data.size());
-    if (written == data.size())
-        comm::debugLine(QStringLiteral("Send successful"));
-    else if (written == -1)
-        comm::debugLine(QStringLiteral("Send failed"));
-    // A partial write is not reported.
+    comm::runOnOwnerThread(this, [&] {
+        if (!m_com->isOpen())
+            return;
+        // "m_com->write", a blank, the byte count.
+        comm::debugLine(QStringLiteral("m_com->write %1").arg(data.size()));
+        const qint64 written = writeComData(data.constData(), data.size());
+        if (written == data.size())
+            comm::debugLine(QStringLiteral("Send successful"));
+        else if (written == -1)
+            comm::debugLine(QStringLiteral("Send failed"));
+        // A partial write is not reported.
+    });
 }
 
 qint64 PortSerial::writeComData(const char *data, qint64 size)

@@ -7,6 +7,7 @@
 #include "DatagramReplyParser.h"
 #include "DatagramSend.h"
 #include "DebugLog.h"
+#include "OwnerThread.h"
 #include "FrameHexText.h"
 #include "LocalAddress.h"
 #include "ReplyHandOff.h"
@@ -188,12 +189,12 @@ void PortUDP::sendUdpData(QByteArray data)
     }
     const QHostAddress address(deviceIP);
     int sent = 0;
-    {
+    comm::runOnOwnerThread(this, [&] {
         std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
         sent = comm::writeInDatagrams(data, [&](const char *bytes, int size, int) {
             return writeDatagramTo(bytes, size, address, port);
         });
-    }
+    });
     reportSend(*this, comm::unicastOutcome(sent, data.size()));
 }
 
@@ -205,10 +206,10 @@ void PortUDP::sendUdpDataBroadcast(QByteArray data)
         port = static_cast<quint16>(m_port);
     }
     qint64 result = 0;
-    {
+    comm::runOnOwnerThread(this, [&] {
         std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
         result = writeDatagramTo(data.constData(), data.size(), QHostAddress(QHostAddress::Broadcast), port);
-    }
+    });
     reportSend(*this, comm::broadcastOutcome(result, data.size()));
 }
 

@@ -1,5 +1,8 @@
 #include <QtTest>
 
+#include <atomic>
+#include <thread>
+
 #include <QDir>
 #include <QSerialPort>
 
@@ -123,6 +126,7 @@ private slots:
     void parityErrorLeavesPortOpen();
     void resourceErrorClosesPortAndLeavesWorkerToDestructor();
     void resourceErrorOnClosedPortIsIgnored();
+    void reopenAfterResourceErrorLeavesOneWorker();
     void hangUpEndsWithPortClosedAfterNextSend();
     void closingOnReadErrorEndsHangUpAtOnce();
 
@@ -137,6 +141,7 @@ private slots:
     void failedWriteLogsSendFailed();
     void partialWriteLogsNoOutcome();
     void sendLeavesCallersRecordUnchanged();
+    void sendFromAnotherThreadReachesDevice();
 
     // Reply hand-off and reassembly operations of the transport.
     void addToReceivedQueueQueuesWhateverTheDealFlag();
@@ -380,6 +385,21 @@ void TestPortSerial::resourceErrorClosesPortAndLeavesWorkerToDestructor()
     QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= link.threadsBefore, kWaitMs);
 }
 
+void TestPortSerial::reopenAfterResourceErrorLeavesOneWorker()
+{
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
+    port.handleError(QSerialPort::ResourceError);
+    QCOMPARE(port.runningWorkers(), 1);
+    // The worker the error left running is restarted, not joined by a second.
+    QVERIFY(openOn(port, link.pty));
+    QCOMPARE(port.runningWorkers(), 1);
+    const QByteArray reply = frame({0x21, 0, 0, 0, 0, 0, 0});
+    QVERIFY(link.pty.deviceSends(reply));
+    QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
+}
+
 void TestPortSerial::resourceErrorOnClosedPortIsIgnored()
 {
     PortSerial port;
@@ -560,6 +580,27 @@ void TestPortSerial::sendLeavesCallersRecordUnchanged()
     QCOMPARE(record.checksumByte, quint8(0x11));
     QCOMPARE(port.produceCmds(record), QByteArray("[A5a0102030405066f]"));
     QCOMPARE(port.changeData(QByteArray("\x00\x0F\xF0\xFF", 4)), QByteArray("[A000ff0ff]"));
+}
+
+void TestPortSerial::sendFromAnotherThreadReachesDevice()
+{
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
+    LogCapture log;
+    ProtocolData record = command(0x5A, {1, 2, 3, 4, 5, 6});
+    std::atomic<bool> returned{false};
+    std::thread sender([&] {
+        port.sendDatatoDevice(&record);
+        returned = true;
+    });
+    // The write is carried over to the port's own thread, whose event loop
+    // runs here; the sender waits for it.
+    QTRY_VERIFY_WITH_TIMEOUT(returned.load(), kWaitMs);
+    sender.join();
+    QCOMPARE(log.lines(), (QStringList{QStringLiteral("m_com->write 19"), QStringLiteral("Send successful"),
+                                       QStringLiteral("Send data:[A5a0102030405066f]")}));
+    QCOMPARE(link.pty.deviceReceives(19, kWaitMs), QByteArray("[A5a0102030405066f]"));
 }
 
 void TestPortSerial::addToReceivedQueueQueuesWhateverTheDealFlag()

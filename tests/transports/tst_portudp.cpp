@@ -110,6 +110,7 @@ private slots:
 
     // Interface
     void metaObjectListsSignalsThenSlotsAtInterfaceIndices();
+    void sendFromAnotherThreadReachesDeviceAndReplyArrives();
     void metacastAnswersPortUDPThenPortBase();
     void serialAndUsbOperationsDoNothing();
     void sendThroughBaseMetaObjectRunsPortUDP();
@@ -345,6 +346,29 @@ void TestPortUDP::localAddressIsFirstIpv4ThatIsNotLoopback()
     QFETCH(QList<QHostAddress>, addresses);
     QFETCH(QString, local);
     QCOMPARE(comm::localIPv4Address(addresses), local);
+}
+
+void TestPortUDP::sendFromAnotherThreadReachesDeviceAndReplyArrives()
+{
+    PortUDP port;
+    port.setDeviceIP(QStringLiteral("127.0.0.1"));
+    port.setPort(m_device->port());
+    LogCapture log;
+    ProtocolData record = command(0);
+    std::atomic<bool> returned{false};
+    // The first send binds the socket: carried over to the transport's own
+    // thread, it binds there, where the replies are read.
+    std::thread sender([&] {
+        port.sendDatatoDevice(&record);
+        returned = true;
+    });
+    QTRY_VERIFY_WITH_TIMEOUT(returned.load(), 5000);
+    sender.join();
+    QVERIFY(m_device->waitForDatagrams(1));
+    QCOMPARE(m_device->datagrams().first().bytes, kFrame);
+    QCOMPARE(log.lines(), (QStringList{"Send successful", "Send data:" + QString::fromLatin1(kFrame)}));
+    m_device->reply(replies::reply(0x01, 0, 0, 0, 0, 0, 0));
+    QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), 5000);
 }
 
 void TestPortUDP::sendModeZeroWritesFrameThenLogsOutcomeAndFrame()
