@@ -44,6 +44,7 @@ private slots:
     void updateSplit();
     void updateLogsFailureOfFinalShortReportOnly();
     void updateShorterThan64HasNoLeadingSplit();
+    void everySizeIsCutWithoutGapsByTheRules();
     void reportIsIdZeroThenChunkThenZeros();
     void fullChunkFillsAllSixtyFourBytes();
 };
@@ -114,6 +115,29 @@ void TestHidReportSplit::updateShorterThan64HasNoLeadingSplit()
     const std::vector<ReportChunk> chunks = comm::splitIntoReports(63, ReportSplit::Update);
     QCOMPARE(chunks.size(), size_t(1));
     QCOMPARE(chunks[0], (ReportChunk{0, 63, true}));
+}
+
+void TestHidReportSplit::everySizeIsCutWithoutGapsByTheRules()
+{
+    for (int size = 0; size <= 1000; ++size) {
+        for (ReportSplit split : {ReportSplit::Command, ReportSplit::Update}) {
+            const std::vector<ReportChunk> chunks = comm::splitIntoReports(size, split);
+            QVERIFY2(contiguous(chunks, size), qPrintable(QString::number(size)));
+            const bool leading = split == ReportSplit::Update && size >= 64;
+            for (size_t i = 0; i < chunks.size(); ++i) {
+                const bool last = i + 1 == chunks.size();
+                const bool shortTail = last && (chunks[i].length < 64) && !(leading && i == 0);
+                // Full reports and the leading 19 are followed by more data
+                // or end it exactly; only the final short report is logged in
+                // the update split.
+                if (leading && i == 0)
+                    QCOMPARE(chunks[i].length, 19);
+                else if (!last)
+                    QCOMPARE(chunks[i].length, 64);
+                QCOMPARE(chunks[i].logsFailure, split == ReportSplit::Command || shortTail);
+            }
+        }
+    }
 }
 
 void TestHidReportSplit::reportIsIdZeroThenChunkThenZeros()
