@@ -8,13 +8,13 @@
 
 #include <memory>
 
-#include "CmdDealModule.h"
 #include "LogCapture.h"
 #include "PortSerial.h"
 #include "ProtocolData.h"
 #include "PseudoTerminal.h"
 #include "ReceiveQueue.h"
 #include "ReplyFrames.h"
+#include "StreamTransportChecks.h"
 
 using replyframes::blockWithCheckByte;
 using replyframes::frame;
@@ -605,57 +605,22 @@ void TestPortSerial::sendFromAnotherThreadReachesDevice()
 
 void TestPortSerial::addToReceivedQueueQueuesWhateverTheDealFlag()
 {
-    PortSerial port;
-    port.m_dealFlag = false;
-    ProtocolData record;
-    record.commandByte = 0x33;
-    port.addToReceivedQueue(record);
-    QCOMPARE(testqueue::length(), size_t(1));
-    QCOMPARE(testqueue::records().front().commandByte, quint8(0x33));
-    QVERIFY(testqueue::replyFlag());
+    streamtransportchecks::addToReceivedQueueQueuesWhateverTheDealFlag<PortSerial>();
 }
 
 void TestPortSerial::setRetFlagStatusSetsReplyFlag()
 {
-    PortSerial port;
-    port.setRetFlagStatus(true);
-    QVERIFY(testqueue::replyFlag());
-    port.setRetFlagStatus(false);
-    QVERIFY(!testqueue::replyFlag());
+    streamtransportchecks::setRetFlagStatusSetsReplyFlag<PortSerial>();
 }
 
 void TestPortSerial::clearQueueReturnsBeforeQueueIsCleared()
 {
-    PortSerial port;
-    port.addToReceivedQueue(ProtocolData());
-    {
-        // clearQueue returns although the queue lock is held here.
-        std::lock_guard<std::mutex> held(CmdDealModule::receiveHexCmdlock);
-        port.clearQueue();
-        QCOMPARE(CmdDealModule::receivequeueHexCmd.size(), size_t(1));
-    }
-    QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(0), kWaitMs);
+    streamtransportchecks::clearQueueReturnsBeforeQueueIsCleared<PortSerial>();
 }
 
 void TestPortSerial::reassemblyOperationsWorkOnTransportsBuffer()
 {
-    LogCapture log;
-    PortSerial port;
-    const QByteArray reply = frame({0x21, 0, 0, 0, 0, 0, 0});
-    port.appendBuffData("zz" + reply);
-    QCOMPARE(port.getBuffData(3), QByteArray("zz["));
-    QVERIFY(port.isFindStdCmdPreFlag(port.getBuffData(1024)));
-    QCOMPARE(port.buffData(), reply);
-    ProtocolData decoded;
-    QVERIFY(port.getArrayData(reply, &decoded));
-    QCOMPARE(decoded.commandByte, quint8(0x21));
-    QVERIFY(port.checkCMD(port.getBuffData(1024)));
-    QCOMPARE(port.buffData(), QByteArray());
-    port.appendBuffData(blockWithCheckByte("\x07"));
-    QVERIFY(port.checkBlock(decoded, 2));
-    QCOMPARE(port.takeBuffData(5), QByteArray());
-    QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);
-    QCOMPARE(log.lines(), QStringList{recvLine(reply)});
+    streamtransportchecks::reassemblyOperationsWorkOnTransportsBuffer<PortSerial>(1);
 }
 
 void TestPortSerial::threadDealDataFuncWithRunFlagFalseReturnsAtOnce()

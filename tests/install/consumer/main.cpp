@@ -3,6 +3,7 @@
 #include <PortBase.h>
 #include <PortSerial.h>
 #include <PortUDP.h>
+#include <PortUSB.h>
 #include <CmdDealModule.h>
 #include <ProtocolData.h>
 
@@ -24,6 +25,15 @@ int main()
         if (serial.staticMetaObject.superClass() != &PortBase::staticMetaObject || serial.openUSB(1, 2)
             || serial.m_com == nullptr || serial.m_com->isOpen()) {
             std::puts("consumer: PortSerial unusable");
+            return 1;
+        }
+    }
+    {
+        PortUSB usb;
+        if (usb.staticMetaObject.superClass() != &PortBase::staticMetaObject || usb.isOpen()
+            || usb.openSerialPort(QStringLiteral("/dev/null"), QSerialPort::Baud9600, QSerialPort::OneStop,
+                                  QSerialPort::NoParity, QSerialPort::NoFlowControl, QSerialPort::Data8)) {
+            std::puts("consumer: PortUSB unusable");
             return 1;
         }
     }
