@@ -41,6 +41,16 @@ struct UsbIds
 };
 std::atomic<UsbIds> g_usbIds{UsbIds{0, 0}};
 
+std::atomic<PortUSB::PauseFunction> g_openClosePause{nullptr};
+
+void openClosePause()
+{
+    if (const PortUSB::PauseFunction pause = g_openClosePause.load())
+        pause(kOpenClosePause);
+    else
+        std::this_thread::sleep_for(kOpenClosePause);
+}
+
 // hidapi keeps one process-wide error string, which hid_enumerate and hid_open
 // free and replace on every call: two such calls at once (the watcher's poll
 // and an openUSB) could free it twice. They take turns through this lock.
@@ -196,7 +206,7 @@ bool PortUSB::openUSB(unsigned short vid, unsigned short pid)
     if (m_device)
         closeDevice(false); // bytes already received stay for the new worker
     // Lets the workers of a previous open see their cleared flags and end.
-    std::this_thread::sleep_for(kOpenClosePause);
+    openClosePause();
     // On a loaded machine they may need longer: never run two pairs at once.
     m_workers->waitUntilIdle();
 
@@ -225,6 +235,11 @@ bool PortUSB::openUSB(unsigned short vid, unsigned short pid)
     return true;
 }
 
+void PortUSB::setOpenClosePause(PauseFunction pause)
+{
+    g_openClosePause.store(pause);
+}
+
 void PortUSB::closeUSB()
 {
     {
@@ -232,7 +247,7 @@ void PortUSB::closeUSB()
         if (m_device)
             closeDevice(true);
     }
-    std::this_thread::sleep_for(kOpenClosePause);
+    openClosePause();
 }
 
 void PortUSB::closeDevice(bool clearBuffer)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 
 #include <QByteArray>
@@ -65,6 +66,12 @@ public:
 
     // Starts the process-wide hot-plug watcher unless one has been started.
     void USBChanged();
+
+    // The 100 ms pause of openUSB and closeUSB is taken by calling pause with
+    // that duration; null (the default) sleeps. For tests that open and close
+    // transports by the thousand; the library never sets it.
+    using PauseFunction = void (*)(std::chrono::milliseconds);
+    static void setOpenClosePause(PauseFunction pause);
 
     // Writes data as output reports of 64 bytes and one short report for the
     // rest; nothing while closed. A failed write logs "Send failed" and drops

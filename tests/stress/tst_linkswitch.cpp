@@ -19,7 +19,9 @@
 #include "CommandFrame.h"
 #include "PortInterface.h"
 #include "ReceiveQueue.h"
+#include "PortUSB.h"
 #include "ReplyFrames.h"
+#include "SimulatedHid.h"
 
 namespace {
 constexpr int kSwitches = 1002; // a multiple of three: every link as often
@@ -163,6 +165,55 @@ private:
     std::thread m_writer;
 };
 
+// The USB device: a thread keeps queueing input reports, each a valid frame
+// behind some garbage and padded with zeros as a HID device pads them.
+class UsbDevice
+{
+public:
+    static constexpr unsigned short kVid = 0x0483;
+    static constexpr unsigned short kPid = 0x5750;
+
+    explicit UsbDevice(SentReplies &sent)
+        : m_sent(sent)
+    {
+        simhid::reset(kVid, kPid);
+        m_feeder = std::thread([this] { feed(); });
+    }
+    ~UsbDevice()
+    {
+        m_stop = true;
+        m_feeder.join();
+    }
+
+private:
+    void feed()
+    {
+        QElapsedTimer timer;
+        timer.start();
+        quint32 seq = 0;
+        while (!m_stop && timer.elapsed() < kDeadlineMs + 10000 && seq < 100000) {
+            // Keep a few reports waiting, no more: an open device drains them.
+            if (simhid::pendingInput() < 4) {
+                QByteArray report = (seq % 3 == 0 ? QByteArray("\x01junk") : QByteArray())
+                                    + replyframes::frame(sequenced(0xC3, seq));
+                m_sent.add(2, 0xC3, seq);
+                ++seq;
+                simhid::queueInput(report.leftJustified(64, '\0'));
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    }
+
+    SentReplies &m_sent;
+    std::atomic<bool> m_stop{false};
+    std::thread m_feeder;
+};
+
+void shortPause(std::chrono::milliseconds)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
 void pumpEvents(int ms)
 {
     QElapsedTimer timer;
@@ -188,6 +239,10 @@ void TestLinkSwitch::switchingLinksUnderTrafficKeepsOnlySentReplies()
     SentReplies sent;
     UdpDevice udp(sent);
     SerialDevice serial(sent);
+    UsbDevice usb(sent);
+    // A thousand USB opens and closes at 100 ms each would take minutes; the
+    // workers' hand-over does not depend on the pause's length.
+    PortUSB::setOpenClosePause(shortPause);
     QVERIFY(!serial.path().isEmpty());
 
     QElapsedTimer timer;
@@ -197,7 +252,9 @@ void TestLinkSwitch::switchingLinksUnderTrafficKeepsOnlySentReplies()
         const int type = switches % 3;
         PortBase *port = PortInterface::creatCoreObj(ConnType(type));
         QCOMPARE(PortInterface::iCORE, port);
-        if (type == ConnSerial) {
+        if (type == ConnUSB) {
+            QVERIFY(port->openUSB(UsbDevice::kVid, UsbDevice::kPid));
+        } else if (type == ConnSerial) {
             QVERIFY(port->openSerialPort(serial.path(), QSerialPort::Baud115200, QSerialPort::OneStop,
                                          QSerialPort::NoParity, QSerialPort::NoFlowControl, QSerialPort::Data8));
         } else if (type == ConnUDP) {
@@ -209,7 +266,9 @@ void TestLinkSwitch::switchingLinksUnderTrafficKeepsOnlySentReplies()
             port->sendDatatoDevice(parameters);
         }
         // Let replies arrive, some of them only while the next switch happens.
-        pumpEvents(switches % 7);
+        // Now and then a USB transport lives long enough for its reader and
+        // worker (20 ms cycles) to hand replies over.
+        pumpEvents(type == ConnUSB && switches % 30 == 0 ? 80 : switches % 7);
     }
     delete PortInterface::iCORE;
     PortInterface::iCORE = nullptr;
@@ -234,6 +293,8 @@ void TestLinkSwitch::switchingLinksUnderTrafficKeepsOnlySentReplies()
           timer.elapsed(), perLink[0], perLink[1], perLink[2], sent.size());
     QVERIFY(perLink[0] > 0);
     QVERIFY(perLink[1] > 0);
+    QVERIFY(perLink[2] > 0);
+    PortUSB::setOpenClosePause(nullptr);
     testqueue::reset();
 }
 
