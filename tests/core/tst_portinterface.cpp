@@ -1,5 +1,7 @@
 #include <QtTest>
 
+#include <memory>
+
 #include "PortInterface.h"
 
 namespace {
@@ -74,15 +76,16 @@ void TestPortInterface::unknownTypesGiveNetworkTransport()
     PortBase *port = PortInterface::creatCoreObj(ConnType(type));
     QVERIFY(port != nullptr);
     QCOMPARE(classOf(port), QByteArray("PortUDP"));
-    QCOMPARE(classOf(PortInterface::creatCoreObjInstance(ConnType(type))), QByteArray("PortUDP"));
-    delete PortInterface::creatCoreObjInstance(ConnType(type));
+    const std::unique_ptr<PortBase> own(PortInterface::creatCoreObjInstance(ConnType(type)));
+    QCOMPARE(classOf(own.get()), QByteArray("PortUDP"));
 }
 
 void TestPortInterface::secondCallDeletesFirstTransport()
 {
     PortBase *first = PortInterface::creatCoreObj(ConnUDP);
     bool firstDestroyed = false;
-    connect(first, &QObject::destroyed, this, [&firstDestroyed] { firstDestroyed = true; });
+    QObject watcher; // ends the connection with this function
+    connect(first, &QObject::destroyed, &watcher, [&firstDestroyed] { firstDestroyed = true; });
     PortBase *second = PortInterface::creatCoreObj(ConnSerial);
     QVERIFY(firstDestroyed);
     QCOMPARE(PortInterface::iCORE, second);
@@ -102,7 +105,8 @@ void TestPortInterface::instanceLeavesCurrentTransportAloneWhenSet()
 {
     PortBase *current = PortInterface::creatCoreObj(ConnUDP);
     bool currentDestroyed = false;
-    connect(current, &QObject::destroyed, this, [&currentDestroyed] { currentDestroyed = true; });
+    QObject watcher; // ends the connection with this function
+    connect(current, &QObject::destroyed, &watcher, [&currentDestroyed] { currentDestroyed = true; });
     PortBase *own = PortInterface::creatCoreObjInstance(ConnUDP);
     QVERIFY(own != current);
     QCOMPARE(PortInterface::iCORE, current);
