@@ -1,26 +1,44 @@
 #pragma once
 
-#include <QMetaObject>
 #include <QObject>
-#include <QThread>
 
-#include <utility>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
 
 namespace comm {
 
-// Runs work on the thread that owns owner and returns when it is done. Qt's
-// sockets and serial ports may only be used from the thread they live in: a
-// send invoked from another thread is carried over to the owner's thread (its
-// event loop must be running) and the caller waits for it, so the send stays
-// synchronous for the caller.
-template <typename Work>
-void runOnOwnerThread(QObject *owner, Work &&work)
+// Qt's sockets and serial ports may only be used from the thread they live in.
+// A transport keeps one of these as its child: a send invoked from another
+// thread is carried over to the transport's thread (its event loop must be
+// running) and the caller waits until it is done, so the send stays
+// synchronous for the caller. The hand-over goes through a standard mutex and
+// condition variable, which the thread sanitizer can follow.
+class OwnerThreadRunner : public QObject
 {
-    if (QThread::currentThread() == owner->thread()) {
-        work();
-        return;
-    }
-    QMetaObject::invokeMethod(owner, [&work] { work(); }, Qt::BlockingQueuedConnection);
-}
+    Q_OBJECT
+
+public:
+    explicit OwnerThreadRunner(QObject *owner);
+
+    // Runs work on the owner's thread and returns when it has run; at once
+    // when called on that thread.
+    void run(const std::function<void()> &work);
+
+private slots:
+    void runPending();
+
+private:
+    struct Call
+    {
+        const std::function<void()> *work;
+        bool done = false;
+    };
+
+    std::mutex m_lock;
+    std::condition_variable m_done;
+    std::deque<Call *> m_pending;
+};
 
 } // namespace comm

@@ -21,6 +21,7 @@ PortSerial::PortSerial()
     : m_handOff(std::make_unique<comm::ReplyHandOff>(m_dealFlag, comm::ReplyHandOff::Gate::Always))
     , m_reassembler(std::make_unique<comm::StreamReassembler>(comm::StreamReassemblyConfig::serial(), *m_handOff))
     , m_workers(std::make_unique<comm::DetachedWork>())
+    , m_ownerThread(new comm::OwnerThreadRunner(this))
 {
     m_com = new QSerialPort();
     connect(m_com, &QIODevice::readyRead, this, &PortSerial::readPendingDatagrams);
@@ -184,7 +185,7 @@ QByteArray PortSerial::changeData(QByteArray data)
 
 void PortSerial::sendComData(QByteArray data)
 {
-    comm::runOnOwnerThread(this, [&] {
+    m_ownerThread->run([&] {
         if (!m_com->isOpen())
             return;
         // "m_com->write", a blank, the byte count.

@@ -15,6 +15,7 @@
 
 namespace comm {
 class DetachedWork;
+class OwnerThreadRunner;
 class ReplyHandOff;
 class StreamReassembler;
 } // namespace comm
@@ -115,4 +116,7 @@ private:
     std::unique_ptr<comm::ReplyHandOff> m_handOff;
     std::unique_ptr<comm::StreamReassembler> m_reassembler;
     std::unique_ptr<comm::DetachedWork> m_workers;
+    // Carries writes from other threads over to this object's thread; a child
+    // of this object.
+    comm::OwnerThreadRunner *m_ownerThread;
 };

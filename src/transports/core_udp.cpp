@@ -42,6 +42,7 @@ struct PortUDP::ReplyPath {
 
 PortUDP::PortUDP()
     : m_reply(std::make_unique<ReplyPath>(*this))
+    , m_ownerThread(new comm::OwnerThreadRunner(this))
 {
     initUdp();
     m_deviceIP = QString::fromLatin1(kDefaultDeviceAddress);
@@ -189,7 +190,7 @@ void PortUDP::sendUdpData(QByteArray data)
     }
     const QHostAddress address(deviceIP);
     int sent = 0;
-    comm::runOnOwnerThread(this, [&] {
+    m_ownerThread->run([&] {
         std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
         sent = comm::writeInDatagrams(data, [&](const char *bytes, int size, int) {
             return writeDatagramTo(bytes, size, address, port);
@@ -206,7 +207,7 @@ void PortUDP::sendUdpDataBroadcast(QByteArray data)
         port = static_cast<quint16>(m_port);
     }
     qint64 result = 0;
-    comm::runOnOwnerThread(this, [&] {
+    m_ownerThread->run([&] {
         std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
         result = writeDatagramTo(data.constData(), data.size(), QHostAddress(QHostAddress::Broadcast), port);
     });

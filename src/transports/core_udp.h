@@ -16,6 +16,10 @@
 
 class QUdpSocket;
 
+namespace comm {
+class OwnerThreadRunner;
+}
+
 // The network transport: talks to one device over UDP through a single
 // socket. Commands go out as unicast datagrams of at most 540 bytes to the
 // device address and port, or as one broadcast datagram on the same port.
@@ -119,6 +123,9 @@ private:
 
     struct ReplyPath;
     std::unique_ptr<ReplyPath> m_reply;
+    // Carries sends from other threads over to this object's thread; a child
+    // of this object.
+    comm::OwnerThreadRunner *m_ownerThread;
 
     // Sends may run on any thread while a rebuild replaces the socket on the
     // transport's own: sends and reads hold it shared while they use the

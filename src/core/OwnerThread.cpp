@@ -1,0 +1,50 @@
+#include "OwnerThread.h"
+
+#include <QMetaObject>
+#include <QThread>
+
+namespace comm {
+
+OwnerThreadRunner::OwnerThreadRunner(QObject *owner)
+    : QObject(owner)
+{
+}
+
+void OwnerThreadRunner::run(const std::function<void()> &work)
+{
+    if (QThread::currentThread() == thread()) {
+        work();
+        return;
+    }
+    Call call{&work};
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_pending.push_back(&call);
+    }
+    QMetaObject::invokeMethod(this, "runPending", Qt::QueuedConnection);
+    std::unique_lock<std::mutex> guard(m_lock);
+    m_done.wait(guard, [&call] { return call.done; });
+}
+
+void OwnerThreadRunner::runPending()
+{
+    // Bounded by the calls waiting; each one's caller is blocked in run().
+    while (true) {
+        Call *call = nullptr;
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            if (m_pending.empty())
+                return;
+            call = m_pending.front();
+            m_pending.pop_front();
+        }
+        (*call->work)();
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            call->done = true; // the caller may return and drop call from here on
+        }
+        m_done.notify_all();
+    }
+}
+
+} // namespace comm
