@@ -1,5 +1,8 @@
 // Frame building from arbitrary records, checked against a plain encoder
-// written here independently: both must give the same bytes.
+// written here independently: both must give the same bytes. The header, with
+// its letter made the reply letter, must also read back as the record it was
+// built from: encoding and reply decoding agree.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -7,6 +10,7 @@
 #include <string>
 
 #include "CommandFrame.h"
+#include "DatagramReplyParser.h"
 #include "ProtocolData.h"
 
 namespace {
@@ -45,6 +49,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const std::string expected = referenceFrame(data, data + 8, size - 8);
     if (frame.size() != int(expected.size()) || std::string(frame.constData(), size_t(frame.size())) != expected) {
         std::fprintf(stderr, "frame differs from the plain encoder\n");
+        std::abort();
+    }
+    QByteArray header = frame.left(comm::kFrameHeaderSize);
+    header[1] = 'R';
+    const ProtocolData decoded = comm::parseReplyDatagram(header);
+    if (decoded.commandByte != record.commandByte ||
+        !std::equal(std::begin(decoded.paramBytes), std::end(decoded.paramBytes), std::begin(record.paramBytes)) ||
+        decoded.checksumByte != comm::commandChecksum(record)) {
+        std::fprintf(stderr, "the header does not read back as the record\n");
         std::abort();
     }
     if (record.checksumByte != data[7]) {

@@ -14,10 +14,15 @@ cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
 
 status=0
-for harness in build/fuzz/fuzz/fuzz_*; do
-    [ -f "$harness" ] && [ -x "$harness" ] || continue
-    name=$(basename "$harness")
-    name=${name#fuzz_}
+# One harness fuzz/fuzz_NAME per seed folder fuzz/corpus/NAME.
+for seeds in fuzz/corpus/*/; do
+    name=$(basename "$seeds")
+    harness=build/fuzz/fuzz/fuzz_$name
+    if [ ! -x "$harness" ]; then
+        echo "fuzz: no harness $harness for the seeds in $seeds" >&2
+        status=1
+        continue
+    fi
     corpus=build/fuzz/corpus/$name
     mkdir -p "$corpus"
     # Work on a copy: the seeds in the repository stay as they are.
