@@ -3,7 +3,6 @@
 #include <atomic>
 #include <thread>
 
-#include <QDir>
 #include <QSerialPort>
 
 #include <memory>
@@ -14,26 +13,16 @@
 #include "PseudoTerminal.h"
 #include "ReceiveQueue.h"
 #include "ReplyFrames.h"
+#include "SerialLink.h"
 #include "StreamTransportChecks.h"
+#include "ThreadCount.h"
 
 using replyframes::blockWithCheckByte;
 using replyframes::frame;
 
-#define REQUIRE_PTY(pty)                                                                                              \
-    do {                                                                                                              \
-        if (!(pty).isValid())                                                                                         \
-            QSKIP(qPrintable(QStringLiteral("no pseudo-terminal: ") + (pty).error()));                              \
-    } while (false)
-
 namespace {
 constexpr int kWaitMs = 5000;
 const auto kDeviceType = static_cast<ModulelEnum::DeviceType>(77);
-
-bool openOn(PortSerial &port, const PseudoTerminal &pty)
-{
-    return port.openSerialPort(pty.slavePath(), QSerialPort::Baud115200, QSerialPort::OneStop,
-                               QSerialPort::NoParity, QSerialPort::NoFlowControl, QSerialPort::Data8);
-}
 
 ProtocolData command(quint8 commandByte, std::array<quint8, 6> params, const QByteArray &payload = {})
 {
@@ -42,13 +31,6 @@ ProtocolData command(quint8 commandByte, std::array<quint8, 6> params, const QBy
     std::copy(params.begin(), params.end(), record.paramBytes);
     record.payload = payload;
     return record;
-}
-
-// Threads of this process, as the kernel lists them. A transport's workers
-// are gone once the count is back where it was before the transport existed.
-int threadCount()
-{
-    return static_cast<int>(QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
 }
 
 // A fresh pseudo-terminal and a transport of type Port for it. threadsBefore

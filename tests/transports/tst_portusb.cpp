@@ -5,7 +5,6 @@
 // hot-plug has programs of its own.
 #include <QtTest>
 
-#include <QDir>
 #include <QElapsedTimer>
 
 #include <array>
@@ -24,6 +23,7 @@
 #include "ReplyFrames.h"
 #include "SimulatedHid.h"
 #include "StreamTransportChecks.h"
+#include "ThreadCount.h"
 
 using replyframes::blockWithCheckByte;
 using replyframes::frame;
@@ -34,11 +34,6 @@ constexpr unsigned short kPid = 0xE010;
 constexpr int kWaitMs = 5000;
 constexpr int kReportPayload = 64;
 const auto kDeviceType = static_cast<ModulelEnum::DeviceType>(0x0A0B0C0D);
-
-int threadCount()
-{
-    return static_cast<int>(QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
-}
 
 ProtocolData command(quint8 commandByte, std::array<quint8, 6> params, const QByteArray &payload = {})
 {
