@@ -236,11 +236,11 @@ void TestUsbFaults::deviceVanishingDuringLongWriteEndsTheWriteAndClosesTheLink()
     plugEvents.watch(port);
     QVERIFY(openAndLetWatcherSeeIt(port));
 
-    // Forty reports, each taking 15 ms on the wire.
-    simhid::setWriteDuration(15);
-    const ProtocolData record = commandOfFrameSize(40 * kReportPayload);
+    // Sixty reports, each taking 20 ms on the wire.
+    simhid::setWriteDuration(20);
+    const ProtocolData record = commandOfFrameSize(60 * kReportPayload);
     const std::vector<QByteArray> reports = reportsOf(port.produceCmds(record));
-    QCOMPARE(reports.size(), size_t(40));
+    QCOMPARE(reports.size(), size_t(60));
     {
         SendingThread sending(port, record);
         QTRY_VERIFY_WITH_TIMEOUT(simhid::writes().size() >= 5, kWaitMs);
