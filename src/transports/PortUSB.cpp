@@ -34,7 +34,7 @@ constexpr int kNotOpen = -2;
 
 // The identifiers last passed to openUSB, for the hot-plug watcher. One value,
 // so that the watcher never sees a vendor of one call with a product of another.
-struct UsbIds
+struct alignas(4) UsbIds
 {
     unsigned short m_usbVID;
     unsigned short m_usbPID;
