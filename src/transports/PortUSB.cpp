@@ -34,9 +34,6 @@ constexpr int kNotOpen = -2;
 
 // The identifiers last passed to openUSB, for the hot-plug watcher. One value,
 // so that the watcher never sees a vendor of one call with a product of another.
-// Aligned to its size so that every compiler makes its atomic loads and stores
-// plain instructions (clang would otherwise call libatomic, which the library
-// does not link).
 struct alignas(4) UsbIds
 {
     unsigned short m_usbVID;

@@ -1,6 +1,7 @@
 // A minimal application built against the installed library: it only uses the
 // installed headers and libraries, and checks that they work together.
 #include <PortBase.h>
+#include <PortInterface.h>
 #include <PortSerial.h>
 #include <PortUDP.h>
 #include <PortUSB.h>
@@ -36,6 +37,21 @@ int main()
             std::puts("consumer: PortUSB unusable");
             return 1;
         }
+    }
+    {
+        // The factory, as an application uses it.
+        PortBase *port = PortInterface::creatCoreObj(ConnSerial);
+        if (PortInterface::iCORE != port || std::strcmp(port->metaObject()->className(), "PortSerial") != 0) {
+            std::puts("consumer: factory did not make a serial transport");
+            return 1;
+        }
+        port = PortInterface::creatCoreObj(ConnType(7));
+        if (std::strcmp(port->metaObject()->className(), "PortUDP") != 0) {
+            std::puts("consumer: factory did not fall back to the network transport");
+            return 1;
+        }
+        delete PortInterface::iCORE;
+        PortInterface::iCORE = nullptr;
     }
     ProtocolData record;
     record.commandByte = 0x5A;
