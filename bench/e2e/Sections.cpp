@@ -4,6 +4,8 @@
 
 #include <QCoreApplication>
 
+#include "PortUSB.h"
+
 namespace e2e {
 
 bool pumpUntil(const std::function<bool()> &done, Clock::time_point deadline)
@@ -17,6 +19,23 @@ bool pumpUntil(const std::function<bool()> &done, Clock::time_point deadline)
         std::this_thread::yield();
     }
     return true;
+}
+
+namespace {
+void noPause(std::chrono::milliseconds) {}
+} // namespace
+
+UsbPausesSkipped::UsbPausesSkipped(bool skip)
+    : m_skip(skip)
+{
+    if (m_skip)
+        PortUSB::setOpenClosePause(noPause);
+}
+
+UsbPausesSkipped::~UsbPausesSkipped()
+{
+    if (m_skip)
+        PortUSB::setOpenClosePause(nullptr);
 }
 
 QString count(long value)

@@ -39,6 +39,22 @@ Figure residentGrowthFigure(const QString &what, long mark, qint64 firstBytes, l
 // LeakSanitizer's verdict as a figure.
 Figure leakFigure(const QString &what, long total, const LeakReport &report);
 
+// While alive, the USB transport's 100 ms open and close pauses are skipped
+// (when skip is true): for runs that open and close by the thousand, or that
+// are to be short. What the pauses cover, the workers' hand-over, does not
+// depend on their length.
+class UsbPausesSkipped
+{
+public:
+    explicit UsbPausesSkipped(bool skip = true);
+    ~UsbPausesSkipped();
+    UsbPausesSkipped(const UsbPausesSkipped &) = delete;
+    UsbPausesSkipped &operator=(const UsbPausesSkipped &) = delete;
+
+private:
+    bool m_skip;
+};
+
 // Thousands separators, as the table writes counts.
 QString count(long value);
 

@@ -213,7 +213,9 @@ void serialDrain(const Options &options, Figures &figures)
 void usbDrain(const Options &options, Figures &figures)
 {
     simhid::reset(kVid, kPid);
-    const int frames = options.count(200, 10);
+    const int frames = options.count(200, 5);
+    // The open and close pauses lie outside what is timed.
+    UsbPausesSkipped pausesSkipped(options.smoke);
     PortUSB port;
     if (!port.openUSB(kVid, kPid))
         throw SectionError("the simulated HID device does not open");
@@ -232,8 +234,8 @@ void serialIdle(const Options &options, Figures &figures)
     PseudoTerminal pty;
     if (!pty.isValid())
         throw SectionError(("no pseudo-terminal: " + pty.error()).toStdString());
-    const std::chrono::milliseconds window(options.count(1500, 150));
-    const auto settle = 100ms;
+    const std::chrono::milliseconds window(options.count(1500, 100));
+    const std::chrono::milliseconds settle(options.count(100, 30));
     std::vector<double> library, bare;
     PortSerial port;
     for (int round = 0; round < options.count(8, 1); ++round) {
@@ -258,8 +260,10 @@ void serialIdle(const Options &options, Figures &figures)
 void usbIdle(const Options &options, Figures &figures)
 {
     simhid::reset(kVid, kPid);
-    const std::chrono::milliseconds window(options.count(1500, 150));
-    const auto settle = 200ms;
+    const std::chrono::milliseconds window(options.count(1500, 100));
+    const std::chrono::milliseconds settle(options.count(200, 50));
+    // The open and close pauses lie outside the windows.
+    UsbPausesSkipped pausesSkipped(options.smoke);
     PortUSB port;
     // The hot-plug watcher, started by the first transport, polls from the
     // first open on and never stops: it runs through the bare windows as well
