@@ -8,9 +8,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh
+# Build output goes to stderr, so that standard output is the table alone.
+scripts/install-deps.sh >&2
 cmake --preset default >/dev/null
-cmake --build --preset default
+cmake --build --preset default >&2
 
 out=build/bench-results
 rm -rf "$out"
@@ -31,7 +32,7 @@ for program in build/default/bench/e2e_*; do
 done
 
 cmake --preset asan >/dev/null
-cmake --build --preset asan --target e2e_comm
+cmake --build --preset asan --target e2e_comm >&2
 echo "== e2e_comm (asan build: leak check)" >&2
 ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp" \
     build/asan/bench/e2e_comm --sections memory-replies,memory-switches --out "$out/e2e_comm_asan.json" >&2 || status=1
