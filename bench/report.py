@@ -68,9 +68,10 @@ def main():
     lines = [header]
     for row in table:
         met = row.get("met")
-        lines.append((row["figure"], row["value"], row["baseline"],
-                      f"{row['ratio']:.2f}" if isinstance(row.get("ratio"), (int, float)) else str(row.get("ratio", "")),
-                      row["target"], "yes" if met else ("no" if met is False else "-")))
+        ratio = row.get("ratio")
+        lines.append((row.get("figure", ""), row.get("value", ""), row.get("baseline", ""),
+                      f"{ratio:.2f}" if isinstance(ratio, (int, float)) else "-",
+                      row.get("target", ""), "yes" if met else ("no" if met is False else "-")))
     print("| " + " | ".join(lines[0]) + " |")
     print("|" + "|".join("---" for _ in lines[0]) + "|")
     for line in lines[1:]:

@@ -3,16 +3,20 @@
 # figure beside its baseline from the same run, and writes it as JSON to
 # build/bench-results/results.json.
 #   scripts/bench.sh
+# The memory figures run a second time in the AddressSanitizer build, where
+# LeakSanitizer counts what is left unreleased.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh
+# Build output goes to stderr, so that standard output is the table alone.
+scripts/install-deps.sh >&2
 cmake --preset default >/dev/null
-cmake --build --preset default
+cmake --build --preset default >&2
 
 out=build/bench-results
 rm -rf "$out"
 mkdir -p "$out"
+status=0
 for program in build/default/bench/bench_*; do
     [ -f "$program" ] && [ -x "$program" ] || continue
     name=$(basename "$program")
@@ -24,6 +28,15 @@ for program in build/default/bench/e2e_*; do
     [ -f "$program" ] && [ -x "$program" ] || continue
     name=$(basename "$program")
     echo "== $name" >&2
-    "$program" --out "$out/$name.json" >&2
+    "$program" --out "$out/$name.json" >&2 || status=1
 done
+
+cmake --preset asan >/dev/null
+cmake --build --preset asan --target e2e_comm >&2
+echo "== e2e_comm (asan build: leak check)" >&2
+ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp" \
+    build/asan/bench/e2e_comm --sections memory-replies,memory-switches --out "$out/e2e_comm_asan.json" >&2 || status=1
+
+echo "Machine: $(nproc) processors, load average $(cut -d' ' -f1-3 /proc/loadavg) at the end of the run"
 python3 bench/report.py "$out"
+exit $status

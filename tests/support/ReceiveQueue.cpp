@@ -1,5 +1,6 @@
 #include "ReceiveQueue.h"
 
+#include <iterator>
 #include <mutex>
 
 #include "CmdDealModule.h"
@@ -16,6 +17,15 @@ std::vector<ProtocolData> records()
 {
     std::lock_guard<std::mutex> guard(CmdDealModule::receiveHexCmdlock);
     return {CmdDealModule::receivequeueHexCmd.begin(), CmdDealModule::receivequeueHexCmd.end()};
+}
+
+std::vector<ProtocolData> take()
+{
+    std::lock_guard<std::mutex> guard(CmdDealModule::receiveHexCmdlock);
+    std::vector<ProtocolData> taken(std::make_move_iterator(CmdDealModule::receivequeueHexCmd.begin()),
+                                    std::make_move_iterator(CmdDealModule::receivequeueHexCmd.end()));
+    CmdDealModule::receivequeueHexCmd.clear();
+    return taken;
 }
 
 bool replyFlag()
