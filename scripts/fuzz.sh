@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer harnesses with clang and runs each for a bounded time.
-#   scripts/fuzz.sh [SECONDS_PER_HARNESS]    (default 30)
+#   scripts/fuzz.sh [SECONDS_PER_HARNESS [NAME...]]    (default 30, every harness)
+# NAME is a harness's name without "fuzz_", e.g. serial_reassembly.
 # Exits 0 with a message when clang's fuzzer runtime cannot be installed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds="${1:-30}"
+shift || true
+only=("$@")
 
 if ! scripts/install-deps.sh --fuzz; then
     echo "fuzz: skipped: clang and its fuzzer runtime (clang, libclang-rt-dev) could not be installed"
@@ -17,6 +20,9 @@ status=0
 # One harness fuzz/fuzz_NAME per seed folder fuzz/corpus/NAME.
 for seeds in fuzz/corpus/*/; do
     name=$(basename "$seeds")
+    if [ ${#only[@]} -gt 0 ] && [[ ! " ${only[*]} " =~ " $name " ]]; then
+        continue
+    fi
     harness=build/fuzz/fuzz/fuzz_$name
     if [ ! -x "$harness" ]; then
         echo "fuzz: no harness $harness for the seeds in $seeds" >&2
