@@ -5,6 +5,11 @@
 
 namespace comm {
 
+DetachedWork::DetachedWork(Launch launch)
+    : m_launch(launch)
+{
+}
+
 DetachedWork::~DetachedWork()
 {
     waitUntilIdle();
@@ -14,7 +19,7 @@ void DetachedWork::start(std::function<void()> job)
 {
     // Shared so that the job survives a failed thread start and can then run here.
     auto work = std::make_shared<std::function<void()>>(std::move(job));
-    if (!startThread(work)) {
+    if (m_launch == Launch::Inline || !startThread(work)) {
         // No thread could be started (resource exhaustion): run the job on the
         // calling thread rather than lose it.
         (*work)();

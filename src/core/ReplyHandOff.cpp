@@ -18,9 +18,10 @@ void setRetFlagStatus(bool value)
     CmdDealModule::bRetFlag = value;
 }
 
-ReplyHandOff::ReplyHandOff(const std::atomic<bool> &dealFlag, Gate gate)
+ReplyHandOff::ReplyHandOff(const std::atomic<bool> &dealFlag, Gate gate, DetachedWork::Launch launch)
     : m_dealFlag(dealFlag)
     , m_gate(gate)
+    , m_work(launch)
 {
 }
 

@@ -28,7 +28,12 @@ public:
         Always,   // every record is queued
     };
 
-    ReplyHandOff(const std::atomic<bool> &dealFlag, Gate gate);
+    // With Launch::Inline, the "detached" deliveries and jobs run on the
+    // calling thread, in the order they are started: harnesses use it to run
+    // a transport's logic without starting a thread per reply. Transports
+    // always use the default.
+    ReplyHandOff(const std::atomic<bool> &dealFlag, Gate gate,
+                 DetachedWork::Launch launch = DetachedWork::Launch::Threads);
 
     // addToReceivedQueue: queues the record now, on the calling thread.
     void deliver(const ProtocolData &record) const;

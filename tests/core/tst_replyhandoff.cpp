@@ -32,6 +32,7 @@ private slots:
     void deliverAppendsRecordAndRaisesFlag();
     void setRetFlagStatusSetsFlag();
     void deliverDetachedQueuesRecordFromAnotherThread();
+    void inlineLaunchQueuesDetachedDeliveriesBeforeReturningInOrder();
     void handOffTakesQueueLockBeforeFlagLock();
     void clearQueueReturnsBeforeClearingRuns();
     void waitForDetachedWorkWaitsForRunningJob();
@@ -97,6 +98,23 @@ void TestReplyHandOff::deliverDetachedQueuesRecordFromAnotherThread()
     handOff.waitForDetachedWork();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::replyFlag(), true);
+}
+
+void TestReplyHandOff::inlineLaunchQueuesDetachedDeliveriesBeforeReturningInOrder()
+{
+    std::atomic<bool> dealFlag{true};
+    comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::DealFlag, comm::DetachedWork::Launch::Inline);
+    const std::thread::id caller = std::this_thread::get_id();
+    std::thread::id ranOn;
+    handOff.deliverDetached(reply(1));
+    handOff.runDetached([&ranOn] { ranOn = std::this_thread::get_id(); });
+    handOff.deliverDetached(reply(2));
+    QCOMPARE(handOff.detachedWorkRunning(), 0);
+    QVERIFY(ranOn == caller);
+    const std::vector<ProtocolData> queued = testqueue::take();
+    QCOMPARE(queued.size(), size_t(2));
+    QCOMPARE(queued[0].commandByte, quint8(1));
+    QCOMPARE(queued[1].commandByte, quint8(2));
 }
 
 void TestReplyHandOff::handOffTakesQueueLockBeforeFlagLock()
