@@ -12,7 +12,10 @@ OwnerThreadRunner::OwnerThreadRunner(QObject *owner)
 
 void OwnerThreadRunner::run(const std::function<void()> &work)
 {
-    if (QThread::currentThread() == thread()) {
+    QThread *const owner = thread();
+    // A thread that is not running has no event loop to carry the work over
+    // to, and none that could be using the transport's sockets either.
+    if (owner == QThread::currentThread() || !owner || !owner->isRunning()) {
         work();
         return;
     }

@@ -3,6 +3,8 @@
 #include <chrono>
 #include <thread>
 
+#include <QCoreApplication>
+
 #include "CommandFrame.h"
 #include "DebugLog.h"
 #include "DetachedWork.h"
@@ -29,11 +31,17 @@ PortSerial::PortSerial()
 
 PortSerial::~PortSerial()
 {
-    disconnect(m_com, &QIODevice::readyRead, this, &PortSerial::readPendingDatagrams);
-    if (m_com->isOpen()) {
-        stopWorker();
-        m_com->close();
-    }
+    // Closed on the transport's thread, which its notifiers belong to, even
+    // when the transport is deleted elsewhere; reads and error reports
+    // already queued there go with it.
+    m_ownerThread->run([this] {
+        QCoreApplication::removePostedEvents(this);
+        disconnect(m_com, &QIODevice::readyRead, this, &PortSerial::readPendingDatagrams);
+        if (m_com->isOpen()) {
+            stopWorker();
+            m_com->close();
+        }
+    });
     // A worker can outlive the port: handleError closes the port without
     // stopping it, and a reopen while the deal flag is false starts a second
     // worker beside the first. Every worker still running is stopped here and
@@ -75,6 +83,17 @@ bool PortSerial::openSerialPort(QString name, QSerialPort::BaudRate baud, QSeria
                                 QSerialPort::Parity parity, QSerialPort::FlowControl flow,
                                 QSerialPort::DataBits dataBits)
 {
+    // The port's notifiers belong to the transport's thread: it is opened
+    // there, whichever thread asks.
+    bool opened = false;
+    m_ownerThread->run([&] { opened = openOnOwnerThread(name, baud, stopBits, parity, flow, dataBits); });
+    return opened;
+}
+
+bool PortSerial::openOnOwnerThread(const QString &name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
+                                   QSerialPort::Parity parity, QSerialPort::FlowControl flow,
+                                   QSerialPort::DataBits dataBits)
+{
     if (m_com->isOpen()) {
         // While the deal flag is false the running worker is left alone, so a
         // second one starts beside it below; the destructor stops both.
@@ -115,11 +134,13 @@ bool PortSerial::openSerialPort(QString name, QSerialPort::BaudRate baud, QSeria
 
 void PortSerial::closeSerialPort()
 {
-    if (!m_com->isOpen())
-        return;
-    stopWorker();
-    m_com->close();
-    clearBuffers();
+    m_ownerThread->run([this] {
+        if (!m_com->isOpen())
+            return;
+        stopWorker();
+        m_com->close();
+        clearBuffers();
+    });
 }
 
 void PortSerial::setDealFlag(bool value)

@@ -106,6 +106,9 @@ protected:
     virtual qint64 writeComData(const char *data, qint64 size);
 
 private:
+    bool openOnOwnerThread(const QString &name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
+                           QSerialPort::Parity parity, QSerialPort::FlowControl flow,
+                           QSerialPort::DataBits dataBits);
     void stopWorker();
     void clearBuffers();
 

@@ -1,5 +1,6 @@
 #include "core_udp.h"
 
+#include <QCoreApplication>
 #include <QNetworkInterface>
 #include <QUdpSocket>
 
@@ -53,10 +54,14 @@ PortUDP::~PortUDP()
     // Destructors do not throw here; should a step throw all the same, the
     // process ends rather than leave a half-destroyed transport behind.
     disconnect(this, &PortUDP::signalReInitUdp, this, &PortUDP::reInitUdp);
-    {
+    // The socket's read notifier belongs to the transport's thread, so the
+    // socket goes there, together with any rebuild already queued, even when
+    // the transport is deleted elsewhere.
+    m_ownerThread->run([this] {
+        QCoreApplication::removePostedEvents(this);
         std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
         tearDownSocket(Rebuild::DropDeviceAddress);
-    }
+    });
     // Hand-offs, block combinations and queue clearing refer to this object.
     m_reply->handOff.waitForDetachedWork();
 }
@@ -102,9 +107,13 @@ void PortUDP::tearDownSocket(Rebuild kind)
 
 void PortUDP::rebuildSocket(Rebuild kind)
 {
-    std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
-    tearDownSocket(kind);
-    initUdp();
+    // Closed and made again on the transport's thread, where its replies are
+    // read, whichever thread asked for the rebuild.
+    m_ownerThread->run([this, kind] {
+        std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        tearDownSocket(kind);
+        initUdp();
+    });
 }
 
 void PortUDP::reInitUdp()

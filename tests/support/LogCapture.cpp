@@ -8,6 +8,7 @@
 namespace {
 std::mutex g_lock;
 QStringList g_lines;
+QStringList g_warnings;
 QtMessageHandler g_previous = nullptr;
 bool g_active = false;
 
@@ -18,6 +19,8 @@ void captureHandler(QtMsgType type, const QMessageLogContext &context, const QSt
         std::lock_guard<std::mutex> guard(g_lock);
         if (g_active && type == QtDebugMsg)
             g_lines.append(message);
+        else if (g_active && type == QtWarningMsg)
+            g_warnings.append(message);
         previous = g_previous;
     }
     if (previous)
@@ -29,6 +32,7 @@ LogCapture::LogCapture()
 {
     std::lock_guard<std::mutex> guard(g_lock);
     g_lines.clear();
+    g_warnings.clear();
     g_active = true;
     g_previous = qInstallMessageHandler(captureHandler);
 }
@@ -39,12 +43,19 @@ LogCapture::~LogCapture()
     g_active = false;
     qInstallMessageHandler(g_previous);
     g_lines.clear();
+    g_warnings.clear();
 }
 
 QStringList LogCapture::lines() const
 {
     std::lock_guard<std::mutex> guard(g_lock);
     return g_lines;
+}
+
+QStringList LogCapture::warnings() const
+{
+    std::lock_guard<std::mutex> guard(g_lock);
+    return g_warnings;
 }
 
 void LogCapture::clear()

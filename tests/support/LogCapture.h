@@ -14,6 +14,8 @@ public:
     LogCapture &operator=(const LogCapture &) = delete;
 
     QStringList lines() const;
+    // Qt's warnings written meanwhile (kept apart from the library's lines).
+    QStringList warnings() const;
     void clear();
     // How many captured lines equal text exactly.
     int count(const QString &text) const;

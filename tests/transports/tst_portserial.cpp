@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "LogCapture.h"
+#include "OtherThread.h"
 #include "PortSerial.h"
 #include "ProtocolData.h"
 #include "PseudoTerminal.h"
@@ -103,6 +104,8 @@ private slots:
     void closeOnNeverOpenedTransportDoesNothing();
     void closeStopsWorkerAndEmptiesBuffer();
     void destructorStopsWorkerOfOpenPort();
+    void openAndCloseFromAnotherThreadUseThePortOnItsOwnThread();
+    void deletingFromAnotherThreadClosesThePortOnItsOwnThread();
 
     // Errors.
     void parityErrorLeavesPortOpen();
@@ -562,6 +565,40 @@ void TestPortSerial::sendLeavesCallersRecordUnchanged()
     QCOMPARE(record.checksumByte, quint8(0x11));
     QCOMPARE(port.produceCmds(record), QByteArray("[A5a0102030405066f]"));
     QCOMPARE(port.changeData(QByteArray("\x00\x0F\xF0\xFF", 4)), QByteArray("[A000ff0ff]"));
+}
+
+void TestPortSerial::openAndCloseFromAnotherThreadUseThePortOnItsOwnThread()
+{
+    Link<> link;
+    REQUIRE_PTY(link.pty);
+    PortSerial &port = *link.port;
+    LogCapture log;
+    bool opened = false;
+    QVERIFY(runOnAnotherThread([&] { opened = openOn(port, link.pty); }));
+    QVERIFY(opened);
+    // Replies are read by this thread's event loop, where the port lives.
+    QVERIFY(link.pty.deviceSends(frame({0x5A, 1, 2, 3, 4, 5, 6})));
+    QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
+    QVERIFY(runOnAnotherThread([&] { port.closeSerialPort(); }));
+    QVERIFY(!port.m_com->isOpen());
+    QTRY_COMPARE_WITH_TIMEOUT(threadCount(), link.threadsBefore, kWaitMs);
+    QCOMPARE(log.warnings(), QStringList());
+}
+
+void TestPortSerial::deletingFromAnotherThreadClosesThePortOnItsOwnThread()
+{
+    Link<> link;
+    OPEN_LINK(link);
+    LogCapture log;
+    PortSerial *port = link.port.release();
+    QVERIFY(runOnAnotherThread([port] { delete port; }));
+    // Bytes after the deletion find no port, and this thread's event loop,
+    // which served it, runs on unharmed.
+    QVERIFY(link.pty.deviceSends(frame({0x5A, 1, 2, 3, 4, 5, 6})));
+    QTest::qWait(50);
+    QCOMPARE(testqueue::length(), size_t(0));
+    QTRY_COMPARE_WITH_TIMEOUT(threadCount(), link.threadsBefore, kWaitMs);
+    QCOMPARE(log.warnings(), QStringList());
 }
 
 void TestPortSerial::sendFromAnotherThreadReachesDevice()

@@ -10,6 +10,7 @@
 #include "FakeUdpDevice.h"
 #include "LocalAddress.h"
 #include "LogCapture.h"
+#include "OtherThread.h"
 #include "PortUDP.h"
 #include "ProbePortUDP.h"
 #include "ReceiveQueue.h"
@@ -139,6 +140,8 @@ private slots:
     void unknownResultRebuildsSocketOnNextEventLoopPass();
     void afterReInitUdpUnicastLogsBroadcastFailed();
     void afterReInitUdpZabrelSendStillReachesDevice();
+    void rebuildFromAnotherThreadMakesTheSocketOnTheTransportsThread();
+    void deletingFromAnotherThreadClosesTheSocketOnTheTransportsThread();
     void rebuildDropsReplyState_data();
     void rebuildDropsReplyState();
     void afterNRebuildsOneEmissionQueuesNPlusOneRebuilds();
@@ -593,6 +596,33 @@ void TestPortUDP::afterReInitUdpZabrelSendStillReachesDevice()
     // Replies reach the new socket.
     QVERIFY(receive("[R0100000000000001]"));
     QTRY_COMPARE(testqueue::length(), size_t(1));
+}
+
+void TestPortUDP::rebuildFromAnotherThreadMakesTheSocketOnTheTransportsThread()
+{
+    QVERIFY(linkUp());
+    LogCapture log;
+    QVERIFY(runOnAnotherThread([this] { m_port->reInitUdpZabrel(); }));
+    QCOMPARE(m_port->socket()->thread(), QThread::currentThread());
+    m_device->clear();
+    QVERIFY(linkUp());
+    QVERIFY(receive("[R0100000000000001]"));
+    QTRY_COMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(log.warnings(), QStringList());
+}
+
+void TestPortUDP::deletingFromAnotherThreadClosesTheSocketOnTheTransportsThread()
+{
+    QVERIFY(linkUp()); // bound: its read notifier is armed on this thread
+    LogCapture log;
+    ProbePortUDP *port = m_port.release();
+    QVERIFY(runOnAnotherThread([port] { delete port; }));
+    // A reply after the deletion finds no socket, and this thread's event
+    // loop, which served the old one, runs on unharmed.
+    m_device->reply("[R0100000000000001]");
+    QTest::qWait(50);
+    QCOMPARE(testqueue::length(), size_t(0));
+    QCOMPARE(log.warnings(), QStringList());
 }
 
 void TestPortUDP::rebuildDropsReplyState_data()
