@@ -160,6 +160,8 @@ private slots:
     void strayBlockWhileIdleOnlyRaisesFlag();
     void ipv4MappedSenderIsRecordedAsBareIpv4();
     void dealFlagFalseDropsEveryReply();
+    void addToReceivedQueueWithDealFlagFalseLeavesQueueAndFlag();
+    void publicParsingOperationsForwardToTheParser();
 
     // Lifetime
     void destructorWaitsForDetachedHandOff();
@@ -900,6 +902,34 @@ void TestPortUDP::dealFlagFalseDropsEveryReply()
     m_port.reset();
     QCOMPARE(testqueue::length(), size_t(0));
     QVERIFY(!testqueue::replyFlag());
+}
+
+void TestPortUDP::addToReceivedQueueWithDealFlagFalseLeavesQueueAndFlag()
+{
+    m_port->m_dealFlag = false;
+    m_port->addToReceivedQueue(command(0));
+    QCOMPARE(testqueue::length(), size_t(0));
+    QVERIFY(!testqueue::replyFlag());
+    m_port->m_dealFlag = true;
+    m_port->addToReceivedQueue(command(0));
+    QCOMPARE(testqueue::length(), size_t(1));
+    QVERIFY(testqueue::replyFlag());
+    m_port->setRetFlagStatus(false);
+    QVERIFY(!testqueue::replyFlag());
+}
+
+void TestPortUDP::publicParsingOperationsForwardToTheParser()
+{
+    QCOMPARE(m_port->combineTwoByte(0xFF, 0xFF), -1);
+    QCOMPARE(m_port->combineTwoByte(0x34, 0x12), 0x1234);
+    const ProtocolData parsed = m_port->getArrayData("[R5a0102030405066f]");
+    QCOMPARE(parsed.commandByte, quint8(0x5A));
+    QCOMPARE(parsed.paramBytes[5], quint8(6));
+    QCOMPARE(parsed.checksumByte, quint8(0x6F));
+    // A held reply asking for 3 bytes of block data: the first 3 come with it.
+    m_port->combineSTDCMDandBloackCMD(QByteArray("\x01\x02\x03\x04", 4), replies::reply(0x42, 0, 0x11, 0, 0, 3, 0));
+    QCOMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(testqueue::records().front().payload, QByteArray("\x01\x02\x03", 3));
 }
 
 void TestPortUDP::destructorWaitsForDetachedHandOff()
