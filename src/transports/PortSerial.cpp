@@ -3,7 +3,6 @@
 #include <chrono>
 #include <thread>
 
-#include <QCoreApplication>
 
 #include "CommandFrame.h"
 #include "DebugLog.h"
@@ -31,17 +30,11 @@ PortSerial::PortSerial()
 
 PortSerial::~PortSerial()
 {
-    // Closed on the transport's thread, which its notifiers belong to, even
-    // when the transport is deleted elsewhere; reads and error reports
-    // already queued there go with it.
-    m_ownerThread->run([this] {
-        QCoreApplication::removePostedEvents(this);
-        disconnect(m_com, &QIODevice::readyRead, this, &PortSerial::readPendingDatagrams);
-        if (m_com->isOpen()) {
-            stopWorker();
-            m_com->close();
-        }
-    });
+    disconnect(m_com, &QIODevice::readyRead, this, &PortSerial::readPendingDatagrams);
+    if (m_com->isOpen()) {
+        stopWorker();
+        m_com->close();
+    }
     // A worker can outlive the port: handleError closes the port without
     // stopping it, and a reopen while the deal flag is false starts a second
     // worker beside the first. Every worker still running is stopped here and

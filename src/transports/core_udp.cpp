@@ -1,6 +1,5 @@
 #include "core_udp.h"
 
-#include <QCoreApplication>
 #include <QNetworkInterface>
 #include <QUdpSocket>
 
@@ -54,14 +53,10 @@ PortUDP::~PortUDP()
     // Destructors do not throw here; should a step throw all the same, the
     // process ends rather than leave a half-destroyed transport behind.
     disconnect(this, &PortUDP::signalReInitUdp, this, &PortUDP::reInitUdp);
-    // The socket's read notifier belongs to the transport's thread, so the
-    // socket goes there, together with any rebuild already queued, even when
-    // the transport is deleted elsewhere.
-    m_ownerThread->run([this] {
-        QCoreApplication::removePostedEvents(this);
+    {
         std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
         tearDownSocket(Rebuild::DropDeviceAddress);
-    });
+    }
     // Hand-offs, block combinations and queue clearing refer to this object.
     m_reply->handOff.waitForDetachedWork();
 }

@@ -105,7 +105,6 @@ private slots:
     void closeStopsWorkerAndEmptiesBuffer();
     void destructorStopsWorkerOfOpenPort();
     void openAndCloseFromAnotherThreadUseThePortOnItsOwnThread();
-    void deletingFromAnotherThreadClosesThePortOnItsOwnThread();
 
     // Errors.
     void parityErrorLeavesPortOpen();
@@ -581,22 +580,6 @@ void TestPortSerial::openAndCloseFromAnotherThreadUseThePortOnItsOwnThread()
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QVERIFY(runOnAnotherThread([&] { port.closeSerialPort(); }));
     QVERIFY(!port.m_com->isOpen());
-    QTRY_COMPARE_WITH_TIMEOUT(threadCount(), link.threadsBefore, kWaitMs);
-    QCOMPARE(log.warnings(), QStringList());
-}
-
-void TestPortSerial::deletingFromAnotherThreadClosesThePortOnItsOwnThread()
-{
-    Link<> link;
-    OPEN_LINK(link);
-    LogCapture log;
-    PortSerial *port = link.port.release();
-    QVERIFY(runOnAnotherThread([port] { delete port; }));
-    // Bytes after the deletion find no port, and this thread's event loop,
-    // which served it, runs on unharmed.
-    QVERIFY(link.pty.deviceSends(frame({0x5A, 1, 2, 3, 4, 5, 6})));
-    QTest::qWait(50);
-    QCOMPARE(testqueue::length(), size_t(0));
     QTRY_COMPARE_WITH_TIMEOUT(threadCount(), link.threadsBefore, kWaitMs);
     QCOMPARE(log.warnings(), QStringList());
 }

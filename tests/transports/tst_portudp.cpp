@@ -141,7 +141,6 @@ private slots:
     void afterReInitUdpUnicastLogsBroadcastFailed();
     void afterReInitUdpZabrelSendStillReachesDevice();
     void rebuildFromAnotherThreadMakesTheSocketOnTheTransportsThread();
-    void deletingFromAnotherThreadClosesTheSocketOnTheTransportsThread();
     void rebuildDropsReplyState_data();
     void rebuildDropsReplyState();
     void afterNRebuildsOneEmissionQueuesNPlusOneRebuilds();
@@ -610,20 +609,6 @@ void TestPortUDP::rebuildFromAnotherThreadMakesTheSocketOnTheTransportsThread()
     QVERIFY(linkUp());
     QVERIFY(receive("[R0100000000000001]"));
     QTRY_COMPARE(testqueue::length(), size_t(1));
-    QCOMPARE(log.warnings(), QStringList());
-}
-
-void TestPortUDP::deletingFromAnotherThreadClosesTheSocketOnTheTransportsThread()
-{
-    QVERIFY(linkUp()); // bound: its read notifier is armed on this thread
-    LogCapture log;
-    ProbePortUDP *port = m_port.release();
-    QVERIFY(runOnAnotherThread([port] { delete port; }));
-    // A reply after the deletion finds no socket, and this thread's event
-    // loop, which served the old one, runs on unharmed.
-    m_device->reply("[R0100000000000001]");
-    QTest::qWait(50);
-    QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(log.warnings(), QStringList());
 }
 
