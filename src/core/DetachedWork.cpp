@@ -20,8 +20,8 @@ void DetachedWork::start(std::function<void()> job)
     // Shared so that the job survives a failed thread start and can then run here.
     auto work = std::make_shared<std::function<void()>>(std::move(job));
     if (m_launch == Launch::Inline || !startThread(work)) {
-        // No thread could be started (resource exhaustion): run the job on the
-        // calling thread rather than lose it.
+        // Inline by choice, or no thread could be started (resource
+        // exhaustion): run the job on the calling thread rather than lose it.
         (*work)();
     }
 }

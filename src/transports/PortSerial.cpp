@@ -3,7 +3,6 @@
 #include <chrono>
 #include <thread>
 
-
 #include "CommandFrame.h"
 #include "DebugLog.h"
 #include "DetachedWork.h"

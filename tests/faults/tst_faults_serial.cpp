@@ -218,7 +218,6 @@ void TestSerialFaults::hangUpInTheMiddleOfABlockLosesOnlyThatReply()
     records = testqueue::records();
     QCOMPARE(records.size(), size_t(2));
     QVERIFY(carries(records.front(), numbered(1)));
-
 }
 
 void TestSerialFaults::bytesArrivingWhileThePortIsReopenedMakeNoFalseOrRepeatedRecord()

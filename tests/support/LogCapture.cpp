@@ -62,6 +62,7 @@ void LogCapture::clear()
 {
     std::lock_guard<std::mutex> guard(g_lock);
     g_lines.clear();
+    g_warnings.clear();
 }
 
 int LogCapture::count(const QString &text) const
