@@ -7,8 +7,8 @@
 #include "DebugLog.h"
 #include "DetachedWork.h"
 #include "FrameHexText.h"
+#include "IoThread.h"
 #include "MutexGuard.h"
-#include "OwnerThread.h"
 #include "ReplyHandOff.h"
 #include "StreamReassembler.h"
 
@@ -21,19 +21,38 @@ PortSerial::PortSerial()
     : m_handOff(std::make_unique<comm::ReplyHandOff>(m_dealFlag, comm::ReplyHandOff::Gate::Always))
     , m_reassembler(std::make_unique<comm::StreamReassembler>(comm::StreamReassemblyConfig::serial(), *m_handOff))
     , m_workers(std::make_unique<comm::DetachedWork>())
-    , m_ownerThread(new comm::OwnerThreadRunner(this))
+    , m_io(std::make_unique<comm::IoThread>("PortSerial-io"))
 {
     m_com = new QSerialPort();
-    connect(m_com, &QIODevice::readyRead, this, &PortSerial::readPendingDatagrams);
+    // Not opened yet, so it has no notifiers to move.
+    m_com->moveToThread(m_io->context()->thread());
+    // Direct: readyRead() is emitted on the I/O thread, and the bytes are taken there.
+    connect(m_com, &QIODevice::readyRead, this, &PortSerial::readPendingDatagrams, Qt::DirectConnection);
+    // Counted as they happen, for handleError to tell a late error from a current one.
+    connect(
+        m_com, &QSerialPort::errorOccurred, m_io->context(),
+        [this](QSerialPort::SerialPortError error) {
+            if (error == QSerialPort::ResourceError)
+                ++m_resourceErrorsReported;
+        },
+        Qt::DirectConnection);
 }
 
 PortSerial::~PortSerial()
 {
-    disconnect(m_com, &QIODevice::readyRead, this, &PortSerial::readPendingDatagrams);
-    if (m_com->isOpen()) {
-        stopWorker();
-        m_com->close();
-    }
+    // Nothing of this object lives on the thread it was made on (the port is
+    // on the I/O thread, and nothing is ever posted to the transport itself),
+    // so it may be deleted from any thread.
+    m_io->run([this] {
+        disconnect(m_com, nullptr, this, nullptr);
+        disconnect(m_com, nullptr, m_io->context(), nullptr);
+        if (m_com->isOpen()) {
+            stopWorker();
+            m_com->close();
+        }
+        delete m_com;
+    });
+    m_io->stop();
     // A worker can outlive the port: handleError closes the port without
     // stopping it, and a reopen while the deal flag is false starts a second
     // worker beside the first. Every worker still running is stopped here and
@@ -43,7 +62,6 @@ PortSerial::~PortSerial()
         m_threadRun = false;
     }
     m_workers->waitUntilIdle();
-    delete m_com;
     m_com = nullptr;
     clearBuffers();
     // Reply and queue-clearing threads refer to the hand-off.
@@ -75,14 +93,14 @@ bool PortSerial::openSerialPort(QString name, QSerialPort::BaudRate baud, QSeria
                                 QSerialPort::Parity parity, QSerialPort::FlowControl flow,
                                 QSerialPort::DataBits dataBits)
 {
-    // The port's notifiers belong to the transport's thread: it is opened
-    // there, whichever thread asks.
+    // The port's notifiers belong to the I/O thread: it is opened there,
+    // whichever thread asks.
     bool opened = false;
-    m_ownerThread->run([&] { opened = openOnOwnerThread(name, baud, stopBits, parity, flow, dataBits); });
+    m_io->run([&] { opened = openOnIoThread(name, baud, stopBits, parity, flow, dataBits); });
     return opened;
 }
 
-bool PortSerial::openOnOwnerThread(const QString &name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
+bool PortSerial::openOnIoThread(const QString &name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
                                    QSerialPort::Parity parity, QSerialPort::FlowControl flow,
                                    QSerialPort::DataBits dataBits)
 {
@@ -108,6 +126,7 @@ bool PortSerial::openOnOwnerThread(const QString &name, QSerialPort::BaudRate ba
     m_reassembler->setSourceText(m_com->portName());
     if (!m_com->open(QIODevice::ReadWrite))
         return false;
+    m_resourceErrorsAtOpen = m_resourceErrorsReported;
     {
         comm::MutexGuard guard(m_dealLock);
         m_threadRun = true;
@@ -126,7 +145,7 @@ bool PortSerial::openOnOwnerThread(const QString &name, QSerialPort::BaudRate ba
 
 void PortSerial::closeSerialPort()
 {
-    m_ownerThread->run([this] {
+    m_io->run([this] {
         if (!m_com->isOpen())
             return;
         stopWorker();
@@ -164,17 +183,29 @@ void PortSerial::clearBuffers()
 
 void PortSerial::handleError(QSerialPort::SerialPortError error)
 {
-    if (error == QSerialPort::ResourceError && m_com->isOpen())
-        m_com->close();
+    if (error != QSerialPort::ResourceError)
+        return;
+    m_io->run([this] {
+        // The port reports its errors on the I/O thread, so an application's
+        // connection to this slot is usually queued: a resource error may
+        // reach it after the port was closed and opened again. One that
+        // belongs to an earlier opening leaves the new one alone.
+        const bool fromEarlierOpening =
+            m_resourceErrorsAtOpen > 0 && m_resourceErrorsReported == m_resourceErrorsAtOpen;
+        if (m_com->isOpen() && !fromEarlierOpening)
+            m_com->close();
+    });
 }
 
 void PortSerial::readPendingDatagrams()
 {
-    while (m_com->bytesAvailable() != 0) {
-        const QByteArray data = m_com->readAll();
-        if (m_dealFlag)
-            appendBuffData(data);
-    }
+    m_io->run([this] {
+        while (m_com->bytesAvailable() != 0) {
+            const QByteArray data = m_com->readAll();
+            if (m_dealFlag)
+                appendBuffData(data);
+        }
+    });
 }
 
 void PortSerial::sendDatatoDevice(void *parameters)
@@ -198,7 +229,7 @@ QByteArray PortSerial::changeData(QByteArray data)
 
 void PortSerial::sendComData(QByteArray data)
 {
-    m_ownerThread->run([&] {
+    m_io->run([&] {
         if (!m_com->isOpen())
             return;
         // "m_com->write", a blank, the byte count.

@@ -15,7 +15,7 @@
 
 namespace comm {
 class DetachedWork;
-class OwnerThreadRunner;
+class IoThread;
 class ReplyHandOff;
 class StreamReassembler;
 } // namespace comm
@@ -23,7 +23,12 @@ class StreamReassembler;
 // The serial (COM) line transport. openSerialPort applies the line settings,
 // opens the port and starts the reassembly worker, which cuts reply frames
 // (and their raw blocks) out of the received bytes and queues them for the
-// command module. Commands are written synchronously on the caller's thread.
+// command module. Commands are written synchronously: the call returns once
+// the frame is handed to the port.
+//
+// The port lives on the transport's own I/O thread, where its bytes are read;
+// opening, closing and writing are carried over to it from whichever thread
+// calls, so every operation may be called from any thread.
 //
 // The port's error signal is not connected here: an application that wants a
 // vanished device to close the port connects QSerialPort::errorOccurred of
@@ -87,7 +92,7 @@ public:
     std::atomic<bool> m_threadRun{false};
     // Set by the worker as its last act; the stopping side waits for it.
     std::atomic<bool> m_threadExited{false};
-    // The port, owned by the transport.
+    // The port, owned by the transport; it lives on the I/O thread.
     QSerialPort *m_com = nullptr;
 
 signals:
@@ -95,10 +100,14 @@ signals:
 
 public slots:
     // Moves the bytes the port has received into the receive buffer, or drops
-    // them while the deal flag is false.
+    // them while the deal flag is false (on the I/O thread, where readyRead()
+    // runs it).
     void readPendingDatagrams();
     void sendDatatoDevice(void *parameters) override;
-    // A resource error (device gone) closes an open port; nothing else does.
+    // A resource error (device gone) closes an open port; nothing else does,
+    // and neither does a resource error the port reported before it was last
+    // opened (one that reached a queued connection late). The close runs on
+    // the I/O thread, whichever thread the error reaches.
     void handleError(QSerialPort::SerialPortError error);
 
 protected:
@@ -106,7 +115,7 @@ protected:
     virtual qint64 writeComData(const char *data, qint64 size);
 
 private:
-    bool openOnOwnerThread(const QString &name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
+    bool openOnIoThread(const QString &name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
                            QSerialPort::Parity parity, QSerialPort::FlowControl flow,
                            QSerialPort::DataBits dataBits);
     void stopWorker();
@@ -119,7 +128,10 @@ private:
     std::unique_ptr<comm::ReplyHandOff> m_handOff;
     std::unique_ptr<comm::StreamReassembler> m_reassembler;
     std::unique_ptr<comm::DetachedWork> m_workers;
-    // Carries writes from other threads over to this object's thread; a child
-    // of this object.
-    comm::OwnerThreadRunner *m_ownerThread;
+    // Where the port lives; started before it is made, stopped after it is gone.
+    std::unique_ptr<comm::IoThread> m_io;
+    // Resource errors the port has reported, and their count when it was last
+    // opened; both only touched on the I/O thread.
+    int m_resourceErrorsReported = 0;
+    int m_resourceErrorsAtOpen = 0;
 };

@@ -7,9 +7,10 @@
 #include "DatagramReplyParser.h"
 #include "DatagramSend.h"
 #include "DebugLog.h"
-#include "OwnerThread.h"
 #include "FrameHexText.h"
+#include "IoThread.h"
 #include "LocalAddress.h"
+#include "NativeDatagram.h"
 #include "ReplyHandOff.h"
 
 std::mutex PortUDP::stdCMDlock;
@@ -42,7 +43,7 @@ struct PortUDP::ReplyPath {
 
 PortUDP::PortUDP()
     : m_reply(std::make_unique<ReplyPath>(*this))
-    , m_ownerThread(new comm::OwnerThreadRunner(this))
+    , m_io(std::make_unique<comm::IoThread>("PortUDP-io"))
 {
     initUdp();
     m_deviceIP = QString::fromLatin1(kDefaultDeviceAddress);
@@ -52,33 +53,50 @@ PortUDP::~PortUDP()
 {
     // Destructors do not throw here; should a step throw all the same, the
     // process ends rather than leave a half-destroyed transport behind.
-    disconnect(this, &PortUDP::signalReInitUdp, this, &PortUDP::reInitUdp);
-    {
+    //
+    // Nothing of this object lives on the thread it was made on (its socket is
+    // on the I/O thread, and nothing is ever posted to it), so it may be
+    // deleted from any thread. Rebuilds already queued run before the
+    // teardown, which runs before the I/O thread ends.
+    disconnect(this, &PortUDP::signalReInitUdp, nullptr, nullptr);
+    m_io->run([this] {
         std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
         tearDownSocket(Rebuild::DropDeviceAddress);
-    }
+    });
+    m_io->stop();
     // Hand-offs, block combinations and queue clearing refer to this object.
     m_reply->handOff.waitForDetachedWork();
 }
 
 void PortUDP::initUdp()
 {
+    m_io->run([this] { createSocket(); });
+}
+
+void PortUDP::createSocket()
+{
     // Looked up as always, but never bound to: the socket takes an ephemeral
     // port on its first send, and replies come back to that port.
     const QString localAddress = comm::localIPv4Address(QNetworkInterface::allAddresses());
     Q_UNUSED(localAddress)
 
-    m_udpSocket = new QUdpSocket();
+    auto *socket = new QUdpSocket();
     // On a socket that is not bound yet Qt keeps nothing of this option.
-    m_udpSocket->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, kReceiveBufferSize);
-    connect(m_udpSocket, &QUdpSocket::readyRead, this, &PortUDP::readPendingDatagrams, Qt::AutoConnection);
+    socket->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, kReceiveBufferSize);
+    // Direct: readyRead() is emitted on the I/O thread, and parsing runs there.
+    connect(socket, &QUdpSocket::readyRead, this, &PortUDP::readPendingDatagrams, Qt::DirectConnection);
     // Made again on every build and only removed by the destructor: after n
-    // rebuilds one emission queues n + 1 rebuilds.
-    connect(this, &PortUDP::signalReInitUdp, this, &PortUDP::reInitUdp, Qt::QueuedConnection);
+    // rebuilds one emission queues n + 1 rebuilds, each on the I/O thread's
+    // next pass.
+    connect(this, &PortUDP::signalReInitUdp, m_io->context(), [this] { reInitUdp(); }, Qt::QueuedConnection);
+    std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
+    m_udpSocket = socket;
+    m_boundDescriptor = -1;
 }
 
 void PortUDP::tearDownSocket(Rebuild kind)
 {
+    m_boundDescriptor = -1;
     if (m_udpSocket) {
         disconnect(m_udpSocket, &QUdpSocket::readyRead, this, &PortUDP::readPendingDatagrams);
         // Drops buffered input. A UDP socket that is not connected is never
@@ -102,12 +120,14 @@ void PortUDP::tearDownSocket(Rebuild kind)
 
 void PortUDP::rebuildSocket(Rebuild kind)
 {
-    // Closed and made again on the transport's thread, where its replies are
-    // read, whichever thread asked for the rebuild.
-    m_ownerThread->run([this, kind] {
-        std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
-        tearDownSocket(kind);
-        initUdp();
+    // Closed and made again on the I/O thread, where its replies are read,
+    // whichever thread asked for the rebuild.
+    m_io->run([this, kind] {
+        {
+            std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
+            tearDownSocket(kind);
+        }
+        createSocket();
     });
 }
 
@@ -180,7 +200,32 @@ qint64 PortUDP::writeDatagramTo(const char *bytes, qint64 size, const QHostAddre
     // network link reports it as a failed write instead.
     if (address.isNull() || !m_udpSocket)
         return -1;
-    return m_udpSocket->writeDatagram(bytes, size, address, port);
+    const qintptr bound = m_boundDescriptor;
+    if (bound >= 0)
+        return comm::sendDatagram(bound, bytes, size, address, port);
+    // The first send, on the I/O thread: Qt binds the socket to an ephemeral
+    // port and starts watching it for replies.
+    const qint64 written = m_udpSocket->writeDatagram(bytes, size, address, port);
+    if (m_udpSocket->state() == QAbstractSocket::BoundState)
+        m_boundDescriptor = m_udpSocket->socketDescriptor();
+    return written;
+}
+
+template <typename Write>
+auto PortUDP::withSocketForSend(Write write) -> decltype(write())
+{
+    {
+        std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        // Once bound, the socket stays bound while the guard is held.
+        if (m_boundDescriptor >= 0 || m_io->isCurrent())
+            return write();
+    }
+    decltype(write()) result{};
+    m_io->run([&] {
+        std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        result = write();
+    });
+    return result;
 }
 
 void PortUDP::sendUdpData(QByteArray data)
@@ -193,10 +238,8 @@ void PortUDP::sendUdpData(QByteArray data)
         port = static_cast<quint16>(m_port);
     }
     const QHostAddress address(deviceIP);
-    int sent = 0;
-    m_ownerThread->run([&] {
-        std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
-        sent = comm::writeInDatagrams(data, [&](const char *bytes, int size, int) {
+    const int sent = withSocketForSend([&] {
+        return comm::writeInDatagrams(data, [&](const char *bytes, int size, int) {
             return writeDatagramTo(bytes, size, address, port);
         });
     });
@@ -210,22 +253,27 @@ void PortUDP::sendUdpDataBroadcast(QByteArray data)
         std::lock_guard<std::mutex> guard(stdCMDlock);
         port = static_cast<quint16>(m_port);
     }
-    qint64 result = 0;
-    m_ownerThread->run([&] {
-        std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
-        result = writeDatagramTo(data.constData(), data.size(), QHostAddress(QHostAddress::Broadcast), port);
+    const qint64 result = withSocketForSend([&] {
+        return writeDatagramTo(data.constData(), data.size(), QHostAddress(QHostAddress::Broadcast), port);
     });
     reportSend(*this, comm::broadcastOutcome(result, data.size()));
 }
 
 void PortUDP::readPendingDatagrams()
 {
+    m_io->run([this] { readPendingHere(); });
+}
+
+void PortUDP::readPendingHere()
+{
     while (true) {
         QByteArray datagram;
         QHostAddress sender;
         {
             std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
-            if (!m_udpSocket || !m_udpSocket->hasPendingDatagrams())
+            // A socket that no send has bound yet has nothing to read.
+            if (!m_udpSocket || m_udpSocket->state() != QAbstractSocket::BoundState
+                || !m_udpSocket->hasPendingDatagrams())
                 return;
             const qint64 size = m_udpSocket->pendingDatagramSize();
             datagram.resize(static_cast<int>(qMax<qint64>(size, 0)));

@@ -17,7 +17,7 @@
 class QUdpSocket;
 
 namespace comm {
-class OwnerThreadRunner;
+class IoThread;
 }
 
 // The network transport: talks to one device over UDP through a single
@@ -27,6 +27,11 @@ class OwnerThreadRunner;
 // its first send, and the device's replies to that port are parsed and handed
 // to the command module's receive queue. A send whose result cannot be
 // classified has the socket rebuilt on the next pass of the event loop.
+//
+// The socket lives on the transport's own I/O thread, where replies are read
+// and rebuilds run; every operation may be called from any thread. Sends run
+// on the caller: only a socket's first send, which binds it, is carried over
+// to the I/O thread.
 class PortUDP : public PortBase
 {
     Q_OBJECT
@@ -40,7 +45,7 @@ public:
     static std::mutex stdCMDlock;
 
     // Creates the socket and its connections (the local address is looked up
-    // but not bound to).
+    // but not bound to), on the I/O thread.
     void initUdp();
 
     void setDeviceIP(QString ip) override;
@@ -87,6 +92,8 @@ public slots:
     void reInitUdp();
     // Rebuilds the socket, dropping reply state but keeping the device address.
     void reInitUdpZabrel();
+    // Reads and parses every datagram waiting on the socket, on the I/O
+    // thread (where readyRead() runs it); returns when they are parsed.
     void readPendingDatagrams();
     void sendDatatoDevice(void *parameters) override;
     void processInfoDisplayonUI(void *);
@@ -94,8 +101,16 @@ public slots:
 protected:
     // The single place where datagrams are written. A null address (a device
     // address that does not parse, or the empty one left by reInitUdp) is
-    // refused with -1 and nothing is sent. Called with the socket guard held.
+    // refused with -1 and nothing is sent. Called with the socket guard held,
+    // on the I/O thread while the socket is not bound yet, and on the sending
+    // thread once it is.
     virtual qint64 writeDatagramTo(const char *bytes, qint64 size, const QHostAddress &address, quint16 port);
+
+    // Sends may run on any thread while a rebuild replaces the socket on the
+    // I/O thread: sends and reads hold it shared while they use the socket,
+    // rebuild and destruction hold it exclusively. Sends do not serialise each
+    // other through it.
+    mutable std::shared_mutex m_socketGuard;
 
     QByteArray m_blockBuffer;
     QUdpSocket *m_udpSocket = nullptr;
@@ -120,16 +135,19 @@ private:
     // Called with the socket guard held exclusively.
     void tearDownSocket(Rebuild kind);
     void rebuildSocket(Rebuild kind);
+    void createSocket();
+    void readPendingHere();
+    // Writes through writeDatagramTo with the socket guard held shared: on the
+    // calling thread when the socket is bound, else carried to the I/O thread.
+    template <typename Write>
+    auto withSocketForSend(Write write) -> decltype(write());
 
     struct ReplyPath;
     std::unique_ptr<ReplyPath> m_reply;
-    // Carries sends from other threads over to this object's thread; a child
-    // of this object.
-    comm::OwnerThreadRunner *m_ownerThread;
-
-    // Sends may run on any thread while a rebuild replaces the socket on the
-    // transport's own: sends and reads hold it shared while they use the
-    // socket, rebuild and destruction hold it exclusively. Sends do not
-    // serialise each other through it.
-    std::shared_mutex m_socketGuard;
+    // Where the socket lives; started before it is made, stopped after it is gone.
+    std::unique_ptr<comm::IoThread> m_io;
+    // The bound socket's descriptor, -1 until its first send has bound it.
+    // Becomes valid on the I/O thread with the guard held shared, and goes
+    // back to -1 only with the guard held exclusively.
+    std::atomic<qintptr> m_boundDescriptor{-1};
 };

@@ -72,13 +72,17 @@ int linesStartingWith(const LogCapture &log, const QString &start)
 }
 
 // What the README advises: a slot of the application's own that takes read
-// and resource errors for a device that is gone and closes the port.
+// and resource errors for a device that is gone and closes the port, connected
+// directly so that it runs on the transport's I/O thread as the error happens.
 void closeWhenDeviceGone(PortSerial &port)
 {
-    QObject::connect(port.m_com, &QSerialPort::errorOccurred, &port, [&port](QSerialPort::SerialPortError error) {
-        if (error == QSerialPort::ReadError || error == QSerialPort::ResourceError)
-            port.closeSerialPort();
-    });
+    QObject::connect(
+        port.m_com, &QSerialPort::errorOccurred, &port,
+        [&port](QSerialPort::SerialPortError error) {
+            if (error == QSerialPort::ReadError || error == QSerialPort::ResourceError)
+                port.closeSerialPort();
+        },
+        Qt::DirectConnection);
 }
 
 // A thread playing the device, joined however the test ends.

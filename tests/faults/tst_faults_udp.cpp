@@ -20,9 +20,12 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+
+#include <shared_mutex>
 #include <unistd.h>
 
 #include <atomic>
+#include <shared_mutex>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -148,7 +151,11 @@ private:
 class ViewedPortUDP : public PortUDP
 {
 public:
-    QUdpSocket *socket() const { return m_udpSocket; }
+    QUdpSocket *socket() const
+    {
+        std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        return m_udpSocket;
+    }
     QString deviceIP() const
     {
         std::lock_guard<std::mutex> guard(stdCMDlock);
@@ -325,8 +332,9 @@ void TestUdpFaults::repliesAndGarbageFromSeveralSendersWhileCommandsAreSent()
 void TestUdpFaults::sendsWithoutRouteAreOnlyLogged()
 {
     REQUIRE_LOOPBACK_ONLY_NAMESPACE();
-    const int threadsBefore = threadCount();
     ViewedPortUDP port;
+    // The transport with its I/O thread, before anything is sent.
+    const int threadsBefore = threadCount();
     port.setPort(9);
     const QPointer<QUdpSocket> socket = port.socket();
     LogCapture log;

@@ -1,9 +1,8 @@
 #pragma once
 
-#include <QElapsedTimer>
-#include <QEvent>
 #include <QObject>
-#include <QThread>
+#include <shared_mutex>
+
 #include <QUdpSocket>
 
 #include "PortUDP.h"
@@ -21,7 +20,11 @@ public:
         quint16 port = 0;
     };
 
-    QUdpSocket *socket() const { return m_udpSocket; }
+    QUdpSocket *socket() const
+    {
+        std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        return m_udpSocket;
+    }
     QString deviceIP() const { return locked(m_deviceIP); }
     int devicePort() const
     {
@@ -36,19 +39,10 @@ public:
     // How many connections signalReInitUdp() has to reInitUdp() and anything else.
     int rebuildConnections() const { return receivers(SIGNAL(signalReInitUdp())); }
 
-    // Waits, without running the event loop, until a datagram is waiting on
-    // the socket, so that a test can call readPendingDatagrams() itself.
-    bool waitForPendingDatagram(int timeoutMs = 5000)
-    {
-        QElapsedTimer timer;
-        timer.start();
-        while (!m_udpSocket->hasPendingDatagrams()) {
-            if (timer.elapsed() >= timeoutMs)
-                return false;
-            QThread::msleep(2);
-        }
-        return true;
-    }
+    // Returns once the I/O thread has run everything handed or queued to it
+    // before the call (a queued rebuild among them) and has parsed every
+    // datagram waiting on the socket.
+    void settle() { readPendingDatagrams(); }
 
     QList<Write> writes;
     QList<qint64> scriptedResults;
@@ -69,20 +63,5 @@ private:
     {
         std::lock_guard<std::mutex> guard(stdCMDlock);
         return member;
-    }
-};
-
-// Counts the queued slot calls that reach an object.
-class MetaCallCounter : public QObject
-{
-public:
-    int count = 0;
-
-protected:
-    bool eventFilter(QObject *, QEvent *event) override
-    {
-        if (event->type() == QEvent::MetaCall)
-            ++count;
-        return false;
     }
 };

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <QHostAddress>
+#include <QtGlobal>
+
+namespace comm {
+
+// Writes one datagram on an already bound UDP socket descriptor, from any
+// thread. Once Qt has bound the network transport's socket, sends no longer
+// need the socket's own thread: the kernel's send call is thread-safe, and Qt's
+// socket object is not touched. The destination is written the way Qt writes
+// it: an IPv4 address on a dual-stack IPv6 socket as its IPv4-mapped form.
+// Returns the byte count, or -1 on any failure (as QUdpSocket::writeDatagram).
+qint64 sendDatagram(qintptr descriptor, const char *bytes, qint64 size, const QHostAddress &address, quint16 port);
+
+} // namespace comm
