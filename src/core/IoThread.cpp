@@ -1,28 +1,66 @@
 #include "IoThread.h"
 
 #include <QCoreApplication>
-#include <QMetaObject>
-#include <QObject>
+#include <QSocketNotifier>
+
+#include <chrono>
+#include <cstdint>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace comm {
 
+namespace {
+// How long a new thread may take to have its event loop's dispatcher ready
+// before the transport gives up on it (a process at its thread limit).
+constexpr auto kStartLimit = std::chrono::seconds(10);
+} // namespace
+
+IoThreadContext::IoThreadContext(IoThread &owner)
+    : m_owner(owner)
+{
+}
+
+void IoThreadContext::runPending()
+{
+    m_owner.runPending();
+}
+
 IoThread::IoThread(const char *name)
-    : m_context(new QObject)
+    : m_context(new IoThreadContext(*this))
 {
     m_thread.setObjectName(QString::fromLatin1(name));
     // Qt delivers no event on any thread while the process has no
     // application object: no reply could ever be read, and no work carried
     // over. Without one, the socket or port stays on the creating thread and
     // calls run on their callers, as on a plain object.
-    if (!QCoreApplication::instance()) {
+    m_wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (!QCoreApplication::instance() || m_wakeFd < 0) {
         m_stopped = true;
         return;
     }
     m_context->moveToThread(&m_thread);
+    // started() is emitted on the new thread once its event dispatcher
+    // exists: the wake-up watcher is made there, and waiting for it here
+    // makes what the thread set up visible to the threads that call in.
+    QObject::connect(
+        &m_thread, &QThread::started, m_context,
+        [this] {
+            m_wakeNotifier = new QSocketNotifier(m_wakeFd, QSocketNotifier::Read, m_context);
+            QObject::connect(m_wakeNotifier, &QSocketNotifier::activated, m_context, &IoThreadContext::runPending);
+            {
+                std::lock_guard<std::mutex> guard(m_lock);
+                m_ready = true;
+            }
+            m_changed.notify_all();
+        },
+        Qt::DirectConnection);
     m_thread.start();
+    std::unique_lock<std::mutex> guard(m_lock);
     // Without a thread nothing could be carried over: calls then run on their
     // callers rather than wait for ever.
-    if (!m_thread.isRunning())
+    if (!m_changed.wait_for(guard, kStartLimit, [this] { return m_ready; }))
         m_stopped = true;
 }
 
@@ -31,6 +69,8 @@ IoThread::~IoThread()
     stop();
     // The thread has finished: nothing else can deliver to the context now.
     delete m_context;
+    if (m_wakeFd >= 0)
+        ::close(m_wakeFd);
 }
 
 bool IoThread::isCurrent() const
@@ -51,29 +91,49 @@ void IoThread::run(const std::function<void()> &work)
         work();
         return;
     }
-    // One event per call, so that a call runs in its place among the other
-    // events queued to the thread (a queued rebuild, say), never ahead of
-    // them. Posted while the lock is held: the thread takes the lock before
-    // it runs the call, so the thread sanitizer sees the posted event made
-    // before it is handled (Qt's own event queue locking is invisible to it).
-    // The stop's quit is queued behind every call posted before it.
-    QMetaObject::invokeMethod(m_context, [this, &call] { runCall(call); }, Qt::QueuedConnection);
-    m_done.wait(guard, [&call] { return call.done; });
+    m_pending.push_back(&call);
+    wake();
+    m_changed.wait(guard, [&call] { return call.done; });
 }
 
-void IoThread::runCall(Call &call)
+void IoThread::wake()
 {
-    const std::function<void()> *work = nullptr;
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        work = call.work;
+    const std::uint64_t one = 1;
+    // Never full in practice (the counter is read back to zero on every
+    // wake-up); a failed write leaves an earlier wake-up pending anyway.
+    const ssize_t written = ::write(m_wakeFd, &one, sizeof(one));
+    Q_UNUSED(written);
+}
+
+void IoThread::runPending()
+{
+    std::uint64_t count = 0;
+    const ssize_t read = ::read(m_wakeFd, &count, sizeof(count));
+    Q_UNUSED(read);
+    // Bounded by the calls waiting; each one's caller is blocked in run().
+    while (true) {
+        Call *call = nullptr;
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            if (m_pending.empty()) {
+                if (!m_quit)
+                    return;
+                // Made on this thread, so it is undone here before the loop ends.
+                delete m_wakeNotifier;
+                m_wakeNotifier = nullptr;
+                m_thread.quit();
+                return;
+            }
+            call = m_pending.front();
+            m_pending.pop_front();
+        }
+        (*call->work)();
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            call->done = true; // the caller may return and drop call from here on
+        }
+        m_changed.notify_all();
     }
-    (*work)();
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        call.done = true; // the caller may return and drop call from here on
-    }
-    m_done.notify_all();
 }
 
 void IoThread::stop()
@@ -83,10 +143,10 @@ void IoThread::stop()
         if (m_stopped)
             return;
         m_stopped = true;
+        // Calls handed over before the stop run before the loop ends.
+        m_quit = true;
+        wake();
     }
-    // Calls handed over before the stop run before the loop ends: the quit is
-    // queued behind them.
-    QMetaObject::invokeMethod(m_context, [this] { m_thread.quit(); }, Qt::QueuedConnection);
     // The thread runs only the library's own work, so this wait ends. (It is
     // never reached on the thread itself: no transport is destroyed there.)
     m_thread.wait();

@@ -1,14 +1,34 @@
 #pragma once
 
+#include <QObject>
 #include <QThread>
 
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <mutex>
 
-class QObject;
+class QSocketNotifier;
 
 namespace comm {
+
+class IoThread;
+
+// The object that lives on an I/O thread and receives its hand-over events.
+class IoThreadContext : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit IoThreadContext(IoThread &owner);
+
+public slots:
+    // Runs the calls handed over, oldest first.
+    void runPending();
+
+private:
+    IoThread &m_owner;
+};
 
 // The thread a transport's Qt socket or serial port lives on. Qt lets a
 // socket, and the notifiers behind its readyRead(), be used only from its own
@@ -19,8 +39,10 @@ namespace comm {
 // caller waits until it is done. The thread runs nothing but the library's
 // own code, so that wait always ends.
 //
-// The hand-over goes through a standard mutex and condition variable, which
-// the thread sanitizer can follow.
+// The hand-over goes through a standard mutex and condition variable, and the
+// thread is woken through an event file descriptor it watches: the thread
+// sanitizer can follow all three, where Qt's own event queue locking is
+// invisible to it.
 class IoThread
 {
 public:
@@ -44,23 +66,32 @@ public:
     // caller, when called on the thread itself or once the thread has stopped.
     void run(const std::function<void()> &work);
 
-    // Ends the event loop and waits for the thread to finish; calls waiting
-    // for it still run first. Afterwards run() works on the caller.
+    // Ends the event loop and waits for the thread to finish; calls handed
+    // over before still run first. Afterwards run() works on its callers.
     void stop();
 
 private:
+    friend class IoThreadContext;
+
     struct Call
     {
         const std::function<void()> *work;
         bool done = false;
     };
 
-    void runCall(Call &call);
+    void runPending();
+    void wake();
 
     QThread m_thread;
-    QObject *m_context;
+    IoThreadContext *m_context;
+    // Written by callers, watched on the thread.
+    int m_wakeFd = -1;
+    QSocketNotifier *m_wakeNotifier = nullptr;
+    bool m_quit = false;
     std::mutex m_lock;
-    std::condition_variable m_done;
+    std::condition_variable m_changed;
+    std::deque<Call *> m_pending;
+    bool m_ready = false;
     bool m_stopped = false;
 };
 

@@ -19,13 +19,17 @@ namespace {
 const char kDefaultDeviceAddress[] = "100.100.100.100";
 constexpr int kReceiveBufferSize = 4096;
 
-void reportSend(PortUDP &port, const comm::SendOutcome &outcome)
+} // namespace
+
+void PortUDP::reportSend(const comm::SendOutcome &outcome)
 {
     comm::debugLine(QString::fromLatin1(outcome.logText));
-    if (outcome.rebuildSocket)
-        emit port.signalReInitUdp(); // queued: the rebuild runs after this send has returned
+    if (!outcome.rebuildSocket)
+        return;
+    // Emitted on the I/O thread, whose next pass runs the queued rebuild:
+    // after this send, whichever thread sent.
+    m_io->run([this] { emit signalReInitUdp(); });
 }
-} // namespace
 
 // Reply parsing and the hand-offs it starts, over the transport's buffers.
 struct PortUDP::ReplyPath {
@@ -243,7 +247,7 @@ void PortUDP::sendUdpData(QByteArray data)
             return writeDatagramTo(bytes, size, address, port);
         });
     });
-    reportSend(*this, comm::unicastOutcome(sent, data.size()));
+    reportSend(comm::unicastOutcome(sent, data.size()));
 }
 
 void PortUDP::sendUdpDataBroadcast(QByteArray data)
@@ -256,7 +260,7 @@ void PortUDP::sendUdpDataBroadcast(QByteArray data)
     const qint64 result = withSocketForSend([&] {
         return writeDatagramTo(data.constData(), data.size(), QHostAddress(QHostAddress::Broadcast), port);
     });
-    reportSend(*this, comm::broadcastOutcome(result, data.size()));
+    reportSend(comm::broadcastOutcome(result, data.size()));
 }
 
 void PortUDP::readPendingDatagrams()

@@ -18,6 +18,7 @@ class QUdpSocket;
 
 namespace comm {
 class IoThread;
+struct SendOutcome;
 }
 
 // The network transport: talks to one device over UDP through a single
@@ -137,6 +138,8 @@ private:
     void rebuildSocket(Rebuild kind);
     void createSocket();
     void readPendingHere();
+    // Logs a send's outcome and asks for a rebuild where it calls for one.
+    void reportSend(const comm::SendOutcome &outcome);
     // Writes through writeDatagramTo with the socket guard held shared: on the
     // calling thread when the socket is bound, else carried to the I/O thread.
     template <typename Write>

@@ -19,6 +19,7 @@
 #include "CommandFrame.h"
 #include "PortInterface.h"
 #include "ReceiveQueue.h"
+#include "PortSerial.h"
 #include "PortUSB.h"
 #include "ReplyFrames.h"
 #include "SimulatedHid.h"
@@ -147,6 +148,11 @@ private:
                 m_sent.add(1, 0xB2, seq); // counted once fully queued for writing: the stream stays whole
                 ++seq;
             }
+            // What the transports write is read and dropped, so that a
+            // port's output never backs up.
+            char sink[512];
+            while (::read(m_master, sink, sizeof sink) > 0) {
+            }
             const ssize_t n = ::write(m_master, pending.constData(), size_t(pending.size()));
             if (n > 0)
                 pending.remove(0, int(n));
@@ -221,6 +227,54 @@ void pumpEvents(int ms)
     while (timer.elapsed() < ms)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
 }
+
+// Makes the current transport for switch number n (USB, serial, network in
+// turn) and opens its link; on the network link one command goes out, which
+// gives the socket its port.
+PortBase *switchTo(int n, const QString &serialPath, quint16 udpPort)
+{
+    const int type = n % 3;
+    PortBase *port = PortInterface::creatCoreObj(ConnType(type));
+    if (type == ConnUSB) {
+        port->openUSB(UsbDevice::kVid, UsbDevice::kPid);
+    } else if (type == ConnSerial) {
+        port->openSerialPort(serialPath, QSerialPort::Baud115200, QSerialPort::OneStop, QSerialPort::NoParity,
+                             QSerialPort::NoFlowControl, QSerialPort::Data8);
+    } else {
+        port->setDeviceIP(QStringLiteral("127.0.0.1"));
+        port->setPort(udpPort);
+        ProtocolData command;
+        command.commandByte = 0x01;
+        port->sendDatatoDevice(&command);
+    }
+    return port;
+}
+
+// Every record on the queue is a valid reply that a device really sent, none
+// twice, and every link delivered some.
+void checkQueuedRepliesWereSent(const SentReplies &sent, int switches, qint64 elapsedMs)
+{
+    const std::vector<ProtocolData> records = testqueue::records();
+    std::set<quint64> seen;
+    int perLink[3] = {0, 0, 0};
+    for (const ProtocolData &record : records) {
+        QVERIFY(record.linkByte <= 2);
+        QCOMPARE(record.checksumByte, comm::commandChecksum(record));
+        const quint32 seq = sequenceOf(record);
+        QVERIFY2(sent.contains(record.linkByte, record.commandByte, seq),
+                 qPrintable(QStringLiteral("link %1 cmd %2 seq %3 was never sent")
+                                .arg(record.linkByte)
+                                .arg(record.commandByte)
+                                .arg(seq)));
+        QVERIFY2(seen.insert(SentReplies::key(record.linkByte, record.commandByte, seq)).second, "a reply queued twice");
+        ++perLink[record.linkByte];
+    }
+    qInfo("%d switches in %lld ms; queued replies: network %d, serial %d, usb %d (of %zu sent)", switches, elapsedMs,
+          perLink[0], perLink[1], perLink[2], sent.size());
+    QVERIFY(perLink[0] > 0);
+    QVERIFY(perLink[1] > 0);
+    QVERIFY(perLink[2] > 0);
+}
 } // namespace
 
 class TestLinkSwitch : public QObject
@@ -229,6 +283,7 @@ class TestLinkSwitch : public QObject
 
 private slots:
     void switchingLinksUnderTrafficKeepsOnlySentReplies();
+    void switchingFromAWorkerThreadWhileAnotherThreadSends();
 };
 
 void TestLinkSwitch::switchingLinksUnderTrafficKeepsOnlySentReplies()
@@ -250,21 +305,12 @@ void TestLinkSwitch::switchingLinksUnderTrafficKeepsOnlySentReplies()
     int switches = 0;
     for (; switches < kSwitches && timer.elapsed() < kDeadlineMs; ++switches) {
         const int type = switches % 3;
-        PortBase *port = PortInterface::creatCoreObj(ConnType(type));
+        PortBase *port = switchTo(switches, serial.path(), udp.port());
         QCOMPARE(PortInterface::iCORE, port);
-        if (type == ConnUSB) {
-            QVERIFY(port->openUSB(UsbDevice::kVid, UsbDevice::kPid));
-        } else if (type == ConnSerial) {
-            QVERIFY(port->openSerialPort(serial.path(), QSerialPort::Baud115200, QSerialPort::OneStop,
-                                         QSerialPort::NoParity, QSerialPort::NoFlowControl, QSerialPort::Data8));
-        } else if (type == ConnUDP) {
-            port->setDeviceIP(QStringLiteral("127.0.0.1"));
-            port->setPort(udp.port());
-            ProtocolData command;
-            command.commandByte = 0x01;
-            void *parameters = &command;
-            port->sendDatatoDevice(parameters);
-        }
+        if (type == ConnUSB)
+            QVERIFY(static_cast<PortUSB *>(port)->isOpen());
+        else if (type == ConnSerial)
+            QVERIFY(static_cast<PortSerial *>(port)->m_com->isOpen());
         // Let replies arrive, some of them only while the next switch happens.
         // Now and then a USB transport lives long enough for its reader and
         // worker (20 ms cycles) to hand replies over.
@@ -273,27 +319,71 @@ void TestLinkSwitch::switchingLinksUnderTrafficKeepsOnlySentReplies()
     delete PortInterface::iCORE;
     PortInterface::iCORE = nullptr;
     QCOMPARE(switches, kSwitches);
+    checkQueuedRepliesWereSent(sent, switches, timer.elapsed());
+    PortUSB::setOpenClosePause(nullptr);
+    testqueue::reset();
+}
 
-    const std::vector<ProtocolData> records = testqueue::records();
-    std::set<quint64> seen;
-    int perLink[3] = {0, 0, 0};
-    for (const ProtocolData &record : records) {
-        QVERIFY(record.linkByte <= 2);
-        QCOMPARE(record.checksumByte, comm::commandChecksum(record));
-        const quint32 seq = sequenceOf(record);
-        QVERIFY2(sent.contains(record.linkByte, record.commandByte, seq),
-                 qPrintable(QStringLiteral("link %1 cmd %2 seq %3 was never sent")
-                                .arg(record.linkByte)
-                                .arg(record.commandByte)
-                                .arg(seq)));
-        QVERIFY2(seen.insert(SentReplies::key(record.linkByte, record.commandByte, seq)).second, "a reply queued twice");
-        ++perLink[record.linkByte];
-    }
-    qInfo("%d switches in %lld ms; queued replies: network %d, serial %d, usb %d (of %zu sent)", switches,
-          timer.elapsed(), perLink[0], perLink[1], perLink[2], sent.size());
-    QVERIFY(perLink[0] > 0);
-    QVERIFY(perLink[1] > 0);
-    QVERIFY(perLink[2] > 0);
+void TestLinkSwitch::switchingFromAWorkerThreadWhileAnotherThreadSends()
+{
+    // The factory used from a worker thread, one thread at a time: no thread
+    // holds the current transport across a switch, so the sender takes it
+    // afresh under the same lock as the switch.
+    QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
+    testqueue::reset();
+    SentReplies sent;
+    UdpDevice udp(sent);
+    SerialDevice serial(sent);
+    UsbDevice usb(sent);
+    PortUSB::setOpenClosePause(shortPause);
+    QVERIFY(!serial.path().isEmpty());
+    const QString serialPath = serial.path();
+    const quint16 udpPort = udp.port();
+
+    std::mutex current;
+    std::atomic<bool> done{false};
+    std::atomic<int> switches{0};
+    std::atomic<int> sends{0};
+    QElapsedTimer timer;
+    timer.start();
+    std::thread switcher([&] {
+        for (int n = 0; n < kSwitches && timer.elapsed() < kDeadlineMs; ++n) {
+            {
+                std::lock_guard<std::mutex> guard(current);
+                switchTo(n, serialPath, udpPort);
+            }
+            switches = n + 1;
+            std::this_thread::sleep_for(std::chrono::milliseconds(n % 30 == 0 ? 40 : n % 5));
+        }
+        std::lock_guard<std::mutex> guard(current);
+        delete PortInterface::iCORE;
+        PortInterface::iCORE = nullptr;
+        done = true;
+    });
+    std::thread sender([&] {
+        ProtocolData command;
+        command.commandByte = 0x02;
+        while (!done && timer.elapsed() < kDeadlineMs + 5000) {
+            {
+                std::lock_guard<std::mutex> guard(current);
+                if (PortInterface::iCORE) {
+                    PortInterface::iCORE->sendDatatoDevice(&command);
+                    ++sends;
+                }
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    // This thread plays the network device, whose socket lives here.
+    while (!done && timer.elapsed() < kDeadlineMs + 5000)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+    switcher.join();
+    sender.join();
+    QVERIFY(done.load());
+    QCOMPARE(switches.load(), kSwitches);
+    QVERIFY(sends.load() > 0);
+    QCOMPARE(PortInterface::iCORE, nullptr);
+    checkQueuedRepliesWereSent(sent, switches, timer.elapsed());
     PortUSB::setOpenClosePause(nullptr);
     testqueue::reset();
 }

@@ -4,6 +4,8 @@
 
 #include <QSerialPort>
 
+#include <mutex>
+
 #include "PortSerial.h"
 #include "PseudoTerminal.h"
 
@@ -21,3 +23,49 @@ inline bool openOn(PortSerial &port, const PseudoTerminal &pty)
     return port.openSerialPort(pty.slavePath(), QSerialPort::Baud115200, QSerialPort::OneStop,
                                QSerialPort::NoParity, QSerialPort::NoFlowControl, QSerialPort::Data8);
 }
+
+// What the port of a serial transport signals, recorded as it happens on the
+// transport's I/O thread and read from the test's thread under a lock (a
+// QSignalSpy on the port would be written and read without one).
+class PortSignals : public QObject
+{
+public:
+    explicit PortSignals(QSerialPort *port)
+    {
+        connect(
+            port, &QSerialPort::errorOccurred, this,
+            [this](QSerialPort::SerialPortError error) {
+                std::lock_guard<std::mutex> guard(m_lock);
+                m_errors.append(error);
+            },
+            Qt::DirectConnection);
+        connect(
+            port, &QIODevice::readyRead, this,
+            [this] {
+                std::lock_guard<std::mutex> guard(m_lock);
+                ++m_readyReads;
+            },
+            Qt::DirectConnection);
+    }
+
+    int errorCount() const
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_errors.size();
+    }
+    bool reported(QSerialPort::SerialPortError error) const
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_errors.contains(error);
+    }
+    int readyReads() const
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_readyReads;
+    }
+
+private:
+    mutable std::mutex m_lock;
+    QList<QSerialPort::SerialPortError> m_errors;
+    int m_readyReads = 0;
+};

@@ -401,15 +401,8 @@ void TestPortSerial::hangUpEndsWithPortClosedByHandleError()
     std::unique_ptr<PortSerial> &port = link.port;
     // What an application does to have a vanished device close the port.
     QObject::connect(port->m_com, &QSerialPort::errorOccurred, port.get(), &PortSerial::handleError);
-    QSignalSpy errors(port->m_com, &QSerialPort::errorOccurred);
-    QVERIFY(errors.isValid());
-    const auto reported = [&errors](QSerialPort::SerialPortError error) {
-        for (const QList<QVariant> &arguments : qAsConst(errors)) {
-            if (arguments.at(0).value<QSerialPort::SerialPortError>() == error)
-                return true;
-        }
-        return false;
-    };
+    PortSignals errors(port->m_com);
+    const auto reported = [&errors](QSerialPort::SerialPortError error) { return errors.reported(error); };
 
     link.pty.closeMaster();
     // Reading gives end of file: read errors, which Qt reports as a resource
@@ -425,9 +418,9 @@ void TestPortSerial::hangUpEndsWithPortClosedByHandleError()
     QVERIFY(reported(QSerialPort::ResourceError));
 
     // The error storm is over.
-    const int errorsAfterClose = errors.count();
+    const int errorsAfterClose = errors.errorCount();
     QTest::qWait(200);
-    QCOMPARE(errors.count(), errorsAfterClose);
+    QCOMPARE(errors.errorCount(), errorsAfterClose);
 
     // The worker still runs on the closed port; destruction stops it.
     QCOMPARE(port->runningWorkers(), 1);
@@ -449,14 +442,14 @@ void TestPortSerial::closingOnReadErrorEndsHangUpAtOnce()
                 port.closeSerialPort();
         },
         Qt::DirectConnection);
-    QSignalSpy errors(port.m_com, &QSerialPort::errorOccurred);
+    PortSignals errors(port.m_com);
     link.pty.closeMaster();
     QTRY_VERIFY_WITH_TIMEOUT(!port.m_com->isOpen(), kWaitMs);
     QCOMPARE(port.m_threadRun.load(), false);
     QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 0, kWaitMs);
-    const int errorsAfterClose = errors.count();
+    const int errorsAfterClose = errors.errorCount();
     QTest::qWait(200);
-    QCOMPARE(errors.count(), errorsAfterClose);
+    QCOMPARE(errors.errorCount(), errorsAfterClose);
 }
 
 void TestPortSerial::dealFlagFalseDropsReceivedBytes()
@@ -464,10 +457,10 @@ void TestPortSerial::dealFlagFalseDropsReceivedBytes()
     Link<> link;
     OPEN_LINK(link);
     PortSerial &port = *link.port;
-    QSignalSpy readyRead(port.m_com, &QIODevice::readyRead);
+    PortSignals portSignals(port.m_com);
     port.m_dealFlag = false;
     QVERIFY(link.pty.deviceSends("dropped"));
-    QTRY_VERIFY_WITH_TIMEOUT(readyRead.count() > 0, kWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(portSignals.readyReads() > 0, kWaitMs);
     QCOMPARE(port.m_com->bytesAvailable(), qint64(0));
     QCOMPARE(port.buffData(), QByteArray());
     port.m_dealFlag = true;
