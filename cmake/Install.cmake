@@ -4,6 +4,9 @@ include(CMakePackageConfigHelpers)
 
 set(COMM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/CommModule)
 
+# Installed, libComm_Module finds libModule beside it, wherever the tree is
+# installed; the build tree's run paths are dropped on install.
+set_target_properties(Comm_Module PROPERTIES INSTALL_RPATH "$ORIGIN")
 install(TARGETS Module Comm_Module
     EXPORT CommModuleTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}

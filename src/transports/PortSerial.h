@@ -90,7 +90,8 @@ public:
 
     // The worker runs while this is true; it is written under m_dealLock.
     std::atomic<bool> m_threadRun{false};
-    // Set by the worker as its last act; the stopping side waits for it.
+    // Set by the worker as its last act. The stopping side does not wait for
+    // it: it waits until m_workers counts no running worker.
     std::atomic<bool> m_threadExited{false};
     // The port, owned by the transport; it lives on the I/O thread.
     QSerialPort *m_com = nullptr;

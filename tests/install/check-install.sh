@@ -1,17 +1,54 @@
 #!/usr/bin/env bash
-# Installs the built project into a scratch prefix, then builds and runs a small
-# consumer program against that tree: once through find_package(CommModule),
-# once through pkg-config.
-#   check-install.sh BUILD_DIR SOURCE_DIR SCRATCH_DIR
+# Installs the built project into a scratch prefix and checks that the tree
+# stands on its own: no installed file keeps a run path into the build tree,
+# the installed commctl runs from there without LD_LIBRARY_PATH (when the build
+# has it), and a small consumer program builds and runs against the tree, once
+# through find_package(CommModule), once through pkg-config.
+#   check-install.sh BUILD_DIR SOURCE_DIR SCRATCH_DIR [--with-commctl]
 set -euo pipefail
 build_dir=$1
 source_dir=$2
 scratch=$3
+with_commctl=${4:-}
 
 rm -rf "$scratch"
 mkdir -p "$scratch"
 prefix="$scratch/prefix"
 cmake --install "$build_dir" --prefix "$prefix" >/dev/null
+
+echo "== run paths of the installed files"
+libdir=$(dirname "$(find "$prefix" -name 'libComm_Module.so.*' | head -n 1)")
+libdir=${libdir#"$prefix/"}
+build_real=$(cd "$build_dir" && pwd -P)
+status=0
+while IFS= read -r file; do
+    readelf -h "$file" >/dev/null 2>&1 || continue # not an ELF file
+    paths=$(readelf -d "$file" | sed -n 's/.*(\(RPATH\|RUNPATH\)).*\[\(.*\)\]$/\2/p')
+    case "$paths" in
+        *"$build_dir"* | *"$build_real"*)
+            echo "$file: run path into the build tree: $paths" >&2
+            status=1 ;;
+    esac
+done < <(find "$prefix" -type f)
+if [ -n "$with_commctl" ]; then
+    commctl_paths=$(readelf -d "$prefix/bin/commctl" | sed -n 's/.*(\(RPATH\|RUNPATH\)).*\[\(.*\)\]$/\2/p')
+    if [ "$commctl_paths" != "\$ORIGIN/../$libdir" ]; then
+        echo "bin/commctl: run path '$commctl_paths', expected '\$ORIGIN/../$libdir'" >&2
+        status=1
+    fi
+fi
+[ $status -eq 0 ] || exit 1
+
+if [ -n "$with_commctl" ]; then
+    echo "== installed commctl, without LD_LIBRARY_PATH"
+    if ! (cd "$scratch" && env -u LD_LIBRARY_PATH timeout 120 "$prefix/bin/commctl" demo >"$scratch/demo.out" 2>&1); then
+        tail -n 20 "$scratch/demo.out" >&2
+        echo "installed commctl demo failed" >&2
+        exit 1
+    fi
+    echo "commctl demo: exit 0"
+fi
+
 export LD_LIBRARY_PATH="$prefix/lib:$prefix/lib/$(gcc -dumpmachine):${LD_LIBRARY_PATH:-}"
 
 echo "== find_package(CommModule)"

@@ -18,9 +18,11 @@ public:
     // "true" or "false".
     void watch(PortUSB &port)
     {
-        QObject::connect(&port, &PortUSB::signalUSBChanged,
-                         [this](bool present) { note(present ? QStringLiteral("true") : QStringLiteral("false")); });
+        QObject::connect(&port, &PortUSB::signalUSBChanged, [this](bool present) { notePresent(present); });
     }
+
+    // One emission of signalUSBChanged: "true" or "false".
+    void notePresent(bool present) { note(present ? QStringLiteral("true") : QStringLiteral("false")); }
 
     void note(const QString &entry)
     {

@@ -1,5 +1,5 @@
 // commctl run as a process: against its own simulator over UDP on loopback and
-// over pseudo-terminals.
+// over pseudo-terminals, and, built against the simulated HID device, on USB.
 #include <QtTest>
 
 #include <fcntl.h>
@@ -59,6 +59,103 @@ private:
     QString m_where;
 };
 
+// commctl built against the simulated HID device, run in the background. The
+// device is driven through the program's standard input, and answers on
+// standard error (see support/SimulatedHidControl.cpp).
+class SimulatedUsbRun
+{
+public:
+    SimulatedUsbRun(const QString &device, const QStringList &arguments)
+    {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("SIMHID_DEVICE"), device);
+        m_process.setProcessEnvironment(environment);
+        m_process.start(QStringLiteral(COMMCTL_SIMHID_PATH), arguments);
+    }
+    ~SimulatedUsbRun()
+    {
+        if (m_process.state() != QProcess::NotRunning) {
+            m_process.kill();
+            m_process.waitForFinished(5000);
+        }
+    }
+
+    void command(const QByteArray &line)
+    {
+        m_process.write(line + '\n');
+        m_process.waitForBytesWritten(5000);
+    }
+
+    // Reads output until condition() holds, for timeoutMs at most.
+    template <typename Condition>
+    bool readUntil(Condition condition, int timeoutMs = 20000)
+    {
+        QElapsedTimer timer;
+        timer.start();
+        for (;;) {
+            m_out += m_process.readAllStandardOutput();
+            m_err += m_process.readAllStandardError();
+            if (condition())
+                return true;
+            if (timer.elapsed() > timeoutMs || m_process.state() == QProcess::NotRunning)
+                return false;
+            m_process.waitForReadyRead(50);
+        }
+    }
+
+    bool outContains(const QByteArray &text) { return readUntil([&] { return m_out.contains(text); }); }
+    bool errContains(const QByteArray &text) { return readUntil([&] { return m_err.contains(text); }); }
+
+    // The device's state as its status command gives it:
+    // "polls P closes C open H".
+    QByteArray status()
+    {
+        static const QByteArray kPrefix("simhid: polls ");
+        const int before = m_err.count(kPrefix);
+        command("status");
+        if (!readUntil([&] { return m_err.count(kPrefix) > before && m_err.endsWith('\n'); }))
+            return QByteArray();
+        const int start = m_err.lastIndexOf(kPrefix) + int(qstrlen("simhid: "));
+        return m_err.mid(start, m_err.indexOf('\n', start) - start);
+    }
+
+    // Polls the device's status until its watcher poll count reaches polls,
+    // for timeoutMs at most; the last status seen.
+    QByteArray statusAfterPolls(int polls, int timeoutMs = 20000)
+    {
+        QElapsedTimer timer;
+        timer.start();
+        QByteArray last = status();
+        while (last.split(' ').value(1).toInt() < polls && timer.elapsed() < timeoutMs) {
+            QTest::qWait(50);
+            last = status();
+        }
+        return last;
+    }
+
+    // Ends standard input and waits for the program to end by itself.
+    bool finish(int timeoutMs = 30000)
+    {
+        m_process.closeWriteChannel();
+        const bool finished = m_process.waitForFinished(timeoutMs);
+        m_out += m_process.readAllStandardOutput();
+        m_err += m_process.readAllStandardError();
+        return finished;
+    }
+
+    int exitCode() const
+    {
+        return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -2;
+    }
+    QByteArray out() const { return m_out; }
+    QByteArray err() const { return m_err; }
+
+private:
+    QProcess m_process;
+    QByteArray m_out;
+    QByteArray m_err;
+};
+
 QJsonObject onlyRecord(const Run &run)
 {
     const QList<QByteArray> lines = run.out.trimmed().split('\n');
@@ -83,6 +180,7 @@ private slots:
     void sendOverSerialPrintsReplyAsJson();
     void sendOverSerialCarriesBlockPayload();
     void listenOnSerialPrintsEveryRecord();
+    void listenOnUsbPrintsUnplugThenReplug();
     void readableOutputWithoutJson();
     void libraryLogLinesGoToStandardError();
     void refusedSendModeStillExitsZero();
@@ -190,6 +288,30 @@ void TestCommctl::listenOnSerialPrintsEveryRecord()
         commands.insert(record.value("cmd").toInt());
     }
     QCOMPARE(commands, (QSet<int>{1, 2}));
+}
+
+void TestCommctl::listenOnUsbPrintsUnplugThenReplug()
+{
+    SimulatedUsbRun listener(QStringLiteral("0483:5750"),
+                             {"listen", "--usb", "0483:5750", "--duration", "10000", "--json"});
+    QVERIFY2(listener.errContains("commctl: listening"), listener.err().constData());
+    // The watcher reports changes only: it must have seen the device present
+    // before it is pulled out.
+    QCOMPARE(listener.statusAfterPolls(2).split(' ').mid(2), QList<QByteArray>({"closes", "0", "open", "1"}));
+
+    listener.command("unplug");
+    QVERIFY2(listener.outContains("{\"event\":\"usb\",\"present\":false}\n"), (listener.out() + listener.err()).constData());
+    QCOMPARE(listener.status().split(' ').mid(2), QList<QByteArray>({"closes", "1", "open", "0"}));
+
+    listener.command("plug");
+    QVERIFY2(listener.outContains("{\"event\":\"usb\",\"present\":true}\n"), (listener.out() + listener.err()).constData());
+    // Plugged back, the device stays closed until the application reopens it.
+    QCOMPARE(listener.status().split(' ').mid(2), QList<QByteArray>({"closes", "1", "open", "0"}));
+
+    QVERIFY(listener.finish());
+    QCOMPARE(listener.exitCode(), 0);
+    QCOMPARE(listener.out(), QByteArray("{\"event\":\"usb\",\"present\":false}\n"
+                                        "{\"event\":\"usb\",\"present\":true}\n"));
 }
 
 void TestCommctl::readableOutputWithoutJson()

@@ -11,6 +11,7 @@
 #include <memory>
 #include <thread>
 
+#include "PortInterface.h"
 #include "PortUSB.h"
 #include "ProtocolData.h"
 #include "ReceiveQueue.h"
@@ -87,6 +88,50 @@ bool pullOutAndWait(const UsbSignalLog &log, int entries)
     simhid::setPresent(false);
     return waitUntil([&log, entries] { return log.size() >= entries; });
 }
+
+// Pulls the device out and plugs it back in, waiting each time until heard
+// holds one more entry.
+bool unplugAndReplug(const UsbSignalLog &heard)
+{
+    const int before = heard.size();
+    if (!pullOutAndWait(heard, before + 1))
+        return false;
+    simhid::setPresent(true);
+    return waitUntil([&heard, before] { return heard.size() >= before + 2; });
+}
+
+// The factory's USB transport, as an application holds it; deleted with this
+// object. Whatever it reports to must outlive it.
+class FactoryUsb
+{
+public:
+    FactoryUsb()
+        : port(PortInterface::creatCoreObj(ConnUSB))
+    {
+    }
+    ~FactoryUsb()
+    {
+        delete PortInterface::iCORE;
+        PortInterface::iCORE = nullptr;
+    }
+    // Opens it on the simulated device and waits until the watcher has seen
+    // the device.
+    bool open() { return port->openUSB(kVid, kPid) && watcherPolls(2); }
+
+    PortBase *const port;
+};
+
+// A receiver of the application's, connected by signature.
+class PlugEventReceiver : public QObject
+{
+    Q_OBJECT
+
+public:
+    UsbSignalLog log;
+
+public slots:
+    void onUsbChanged(bool present) { log.notePresent(present); }
+};
 } // namespace
 
 class TestPortUSBHotPlug : public QObject
@@ -106,6 +151,9 @@ private slots:
     void destructorWaitsForWatcherCallInProgress();
     void writesRacingWatcherCloseNeverUseClosedHandle();
     void enumerationListsAreAlwaysFreed();
+    void factoryTransportHeardThroughPortUsb();
+    void factoryTransportHeardBySignature();
+    void portBaseSignalHearsNothing();
 };
 
 void TestPortUSBHotPlug::init()
@@ -310,6 +358,45 @@ void TestPortUSBHotPlug::enumerationListsAreAlwaysFreed()
     QVERIFY(watcherPolls(2));
     // At most the list of a poll in progress is out.
     QVERIFY(simhid::enumerationsOutstanding() <= 1);
+}
+
+// The ways the README gives to hear plug events from the factory's PortBase*.
+void TestPortUSBHotPlug::factoryTransportHeardThroughPortUsb()
+{
+    UsbSignalLog log;
+    FactoryUsb usb;
+    auto *port = qobject_cast<PortUSB *>(usb.port);
+    QVERIFY(port);
+    log.watch(*port); // connects to &PortUSB::signalUSBChanged
+    QVERIFY(usb.open());
+    QVERIFY(unplugAndReplug(log));
+    QCOMPARE(log.entries(), (QStringList{QStringLiteral("false"), QStringLiteral("true")}));
+}
+
+void TestPortUSBHotPlug::factoryTransportHeardBySignature()
+{
+    PlugEventReceiver receiver;
+    FactoryUsb usb;
+    // Qt looks the signature up from the object's most derived class, PortUSB.
+    QVERIFY(QObject::connect(usb.port, SIGNAL(signalUSBChanged(bool)), &receiver, SLOT(onUsbChanged(bool))));
+    QVERIFY(usb.open());
+    // Queued to this thread: delivered while the wait spins the event loop.
+    QVERIFY(unplugAndReplug(receiver.log));
+    QCOMPARE(receiver.log.entries(), (QStringList{QStringLiteral("false"), QStringLiteral("true")}));
+}
+
+void TestPortUSBHotPlug::portBaseSignalHearsNothing()
+{
+    UsbSignalLog throughBase;
+    UsbSignalLog heard;
+    FactoryUsb usb;
+    QObject::connect(usb.port, &PortBase::signalUSBChanged,
+                     [&throughBase](bool present) { throughBase.notePresent(present); });
+    heard.watch(*qobject_cast<PortUSB *>(usb.port));
+    QVERIFY(usb.open());
+    QVERIFY(unplugAndReplug(heard));
+    QCOMPARE(heard.entries(), (QStringList{QStringLiteral("false"), QStringLiteral("true")}));
+    QCOMPARE(throughBase.entries(), QStringList());
 }
 
 QTEST_GUILESS_MAIN(TestPortUSBHotPlug)

@@ -13,6 +13,7 @@
 #include "Options.h"
 #include "PortInterface.h"
 #include "PortSerial.h"
+#include "PortUSB.h"
 #include "RecordFormat.h"
 #include "SimulatedDevice.h"
 #include "Console.h"
@@ -52,11 +53,27 @@ QString hex4(quint16 value)
     return QStringLiteral("%1").arg(value, 4, 16, QLatin1Char('0'));
 }
 
-// Creates and opens the transport for the link. On failure prints why and
-// returns null.
-PortBase *openLink(const LinkOptions &link)
+// Prints each plug event of a USB link as it happens. Every transport class
+// declares signalUSBChanged(bool) again, and the hot-plug watcher emits
+// PortUSB's own one: a connection through PortBase's would never fire.
+void printPlugEvents(PortBase *port, const Options &options)
 {
+    auto *usb = qobject_cast<PortUSB *>(port);
+    if (!usb)
+        return;
+    QObject::connect(usb, &PortUSB::signalUSBChanged, [&options](bool present) {
+        printOut(options.json ? usbEventJson(present) : usbEventText(present));
+    });
+}
+
+// Creates and opens the transport for the link, printing its plug events. On
+// failure prints why and returns null.
+PortBase *openLink(const Options &options)
+{
+    const LinkOptions &link = options.link;
     PortBase *port = PortInterface::creatCoreObj(connTypeOf(link));
+    // Connected before the link opens, so that no event goes unprinted.
+    printPlugEvents(port, options);
     switch (link.kind) {
     case LinkOptions::Udp:
         port->setDeviceIP(link.host);
@@ -93,15 +110,12 @@ void releaseLink()
 
 int runSend(const Options &options)
 {
-    PortBase *port = openLink(options.link);
+    PortBase *port = openLink(options);
     if (!port) {
         releaseLink();
         return 1;
     }
     port->setDeviceType(ModulelEnum::DeviceType(options.deviceType));
-    QObject::connect(port, &PortBase::signalUSBChanged, [&options](bool present) {
-        printOut(options.json ? usbEventJson(present) : usbEventText(present));
-    });
     ProtocolData record;
     record.commandByte = options.cmd;
     for (int i = 0; i < 6; ++i)
@@ -120,7 +134,7 @@ int runSend(const Options &options)
 
 int runListen(const Options &options)
 {
-    PortBase *port = openLink(options.link);
+    PortBase *port = openLink(options);
     if (!port) {
         releaseLink();
         return 1;
@@ -128,9 +142,6 @@ int runListen(const Options &options)
     if (options.link.kind == LinkOptions::Udp)
         printErr(QStringLiteral("commctl: note: the network link receives replies only after it has sent a command"));
     printErr(QStringLiteral("commctl: listening"));
-    QObject::connect(port, &PortBase::signalUSBChanged, [&options](bool present) {
-        printOut(options.json ? usbEventJson(present) : usbEventText(present));
-    });
     pumpRecords(options.durationMs, [&options](const ProtocolData &reply) {
         printOut(options.json ? recordJson(reply) : recordText(reply));
     });
