@@ -28,6 +28,8 @@ void serialIdle(const Options &options, Figures &figures);
 void usbIdle(const Options &options, Figures &figures);
 // Link switches through the factory (SwitchBench.cpp).
 void memorySwitches(const Options &options, Figures &figures);
+// Sends from another thread against sends on the creating one (ThreadBench.cpp).
+void sendThreads(const Options &options, Figures &figures);
 
 // Runs the Qt event loop, without waiting, until done() or the deadline;
 // between passes the thread yields. False at the deadline.

@@ -57,6 +57,7 @@ const SectionEntry kSections[] = {
     {"usb-idle", e2e::usbIdle, false},
     {"memory-replies", e2e::memoryReplies, false},
     {"memory-switches", e2e::memorySwitches, false},
+    {"send-threads", e2e::sendThreads, false},
 };
 
 const SectionEntry *findSection(const QString &name)

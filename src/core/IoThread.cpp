@@ -122,6 +122,11 @@ void IoThread::runPending()
                 delete m_wakeNotifier;
                 m_wakeNotifier = nullptr;
                 m_thread.quit();
+                // The last the thread does with anything of this object;
+                // stop() waits for it (QThread::wait's own join is invisible
+                // to the thread sanitizer).
+                m_finished = true;
+                m_changed.notify_all();
                 return;
             }
             call = m_pending.front();
@@ -147,8 +152,12 @@ void IoThread::stop()
         m_quit = true;
         wake();
     }
-    // The thread runs only the library's own work, so this wait ends. (It is
-    // never reached on the thread itself: no transport is destroyed there.)
+    // The thread runs only the library's own work, so these waits end. (They
+    // are never reached on the thread itself: no transport is destroyed there.)
+    {
+        std::unique_lock<std::mutex> guard(m_lock);
+        m_changed.wait(guard, [this] { return m_finished; });
+    }
     m_thread.wait();
 }
 

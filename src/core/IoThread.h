@@ -88,6 +88,7 @@ private:
     int m_wakeFd = -1;
     QSocketNotifier *m_wakeNotifier = nullptr;
     bool m_quit = false;
+    bool m_finished = false;
     std::mutex m_lock;
     std::condition_variable m_changed;
     std::deque<Call *> m_pending;

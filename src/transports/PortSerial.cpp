@@ -26,16 +26,20 @@ PortSerial::PortSerial()
     m_com = new QSerialPort();
     // Not opened yet, so it has no notifiers to move.
     m_com->moveToThread(m_io->context()->thread());
-    // Direct: readyRead() is emitted on the I/O thread, and the bytes are taken there.
-    connect(m_com, &QIODevice::readyRead, this, &PortSerial::readPendingDatagrams, Qt::DirectConnection);
-    // Counted as they happen, for handleError to tell a late error from a current one.
-    connect(
-        m_com, &QSerialPort::errorOccurred, m_io->context(),
-        [this](QSerialPort::SerialPortError error) {
-            if (error == QSerialPort::ResourceError)
-                ++m_resourceErrorsReported;
-        },
-        Qt::DirectConnection);
+    // Connected on the I/O thread, where the port signals, and undone there
+    // by the destructor.
+    m_io->run([this] {
+        // Direct: readyRead() is emitted on the I/O thread, and the bytes are taken there.
+        connect(m_com, &QIODevice::readyRead, this, &PortSerial::readPendingDatagrams, Qt::DirectConnection);
+        // Counted as they happen, for handleError to tell a late error from a current one.
+        connect(
+            m_com, &QSerialPort::errorOccurred, m_io->context(),
+            [this](QSerialPort::SerialPortError error) {
+                if (error == QSerialPort::ResourceError)
+                    ++m_resourceErrorsReported;
+            },
+            Qt::DirectConnection);
+    });
 }
 
 PortSerial::~PortSerial()

@@ -62,8 +62,9 @@ PortUDP::~PortUDP()
     // on the I/O thread, and nothing is ever posted to it), so it may be
     // deleted from any thread. Rebuilds already queued run before the
     // teardown, which runs before the I/O thread ends.
-    disconnect(this, &PortUDP::signalReInitUdp, nullptr, nullptr);
     m_io->run([this] {
+        // Made on this thread, and undone here too.
+        disconnect(this, &PortUDP::signalReInitUdp, nullptr, nullptr);
         std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
         tearDownSocket(Rebuild::DropDeviceAddress);
     });

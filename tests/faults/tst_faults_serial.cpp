@@ -83,6 +83,7 @@ void closeWhenDeviceGone(PortSerial &port)
                 port.closeSerialPort();
         },
         Qt::DirectConnection);
+    syncWithIoThread(port);
 }
 
 // A thread playing the device, joined however the test ends.
@@ -182,7 +183,8 @@ void TestSerialFaults::hangUpInTheMiddleOfABlockLosesOnlyThatReply()
     if (readmeHandler)
         closeWhenDeviceGone(*port);
     else
-        QObject::connect(port->m_com, &QSerialPort::errorOccurred, port.get(), &PortSerial::handleError);
+        QObject::connect(port->m_com, &QSerialPort::errorOccurred, port.get(), &PortSerial::handleError,
+                         Qt::DirectConnection);
 
     QVERIFY(pty->deviceSends(frame(numbered(1))));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);

@@ -383,11 +383,10 @@ void TestUdpFaults::longFrameWithoutRouteIsSendUnknownAndOneRebuild()
     // 619 bytes go as 540 and then, after the first write's -1, as the 619
     // bytes from one before the start: -1 again. A sum of -2 is no outcome the
     // link knows: "Send unknown", and the socket is rebuilt, once, on the next
-    // pass of the event loop.
+    // pass of the I/O thread's event loop.
     const ProtocolData record = command(2, QByteArray(600, 'p'));
     send(port, record);
     QCOMPARE(log.lines(), (QStringList{QStringLiteral("Send unknown"), sendDataLine(port, record)}));
-    QCOMPARE(port.socket(), socket.data());
     QTRY_VERIFY_WITH_TIMEOUT(socket.isNull(), kWaitMs);
     QTest::qWait(100);
     QCOMPARE(port.rebuildConnections(), 2);

@@ -24,28 +24,44 @@ inline bool openOn(PortSerial &port, const PseudoTerminal &pty)
                                QSerialPort::NoParity, QSerialPort::NoFlowControl, QSerialPort::Data8);
 }
 
+// Lets the transport's I/O thread see what this thread did before (a
+// connection to the port made here, say), and this thread see what the I/O
+// thread did: a call carried over to it and waited for. Qt's own locking of
+// connections is invisible to the thread sanitizer; this hand-over is not.
+inline void syncWithIoThread(PortSerial &port)
+{
+    port.readPendingDatagrams();
+}
+
 // What the port of a serial transport signals, recorded as it happens on the
 // transport's I/O thread and read from the test's thread under a lock (a
 // QSignalSpy on the port would be written and read without one).
 class PortSignals : public QObject
 {
 public:
-    explicit PortSignals(QSerialPort *port)
+    explicit PortSignals(PortSerial &port)
+        : m_port(port)
     {
         connect(
-            port, &QSerialPort::errorOccurred, this,
+            port.m_com, &QSerialPort::errorOccurred, this,
             [this](QSerialPort::SerialPortError error) {
                 std::lock_guard<std::mutex> guard(m_lock);
                 m_errors.append(error);
             },
             Qt::DirectConnection);
         connect(
-            port, &QIODevice::readyRead, this,
+            port.m_com, &QIODevice::readyRead, this,
             [this] {
                 std::lock_guard<std::mutex> guard(m_lock);
                 ++m_readyReads;
             },
             Qt::DirectConnection);
+        syncWithIoThread(port);
+    }
+    ~PortSignals() override
+    {
+        syncWithIoThread(m_port);
+        disconnect(m_port.m_com, nullptr, this, nullptr);
     }
 
     int errorCount() const
@@ -65,6 +81,7 @@ public:
     }
 
 private:
+    PortSerial &m_port;
     mutable std::mutex m_lock;
     QList<QSerialPort::SerialPortError> m_errors;
     int m_readyReads = 0;

@@ -113,6 +113,7 @@ private slots:
     void resourceErrorClosesPortAndLeavesWorkerToDestructor();
     void resourceErrorOnClosedPortIsIgnored();
     void reopenAfterResourceErrorLeavesOneWorker();
+    void lateResourceErrorFromAnEarlierOpeningLeavesTheNewOneOpen();
     void hangUpEndsWithPortClosedByHandleError();
     void closingOnReadErrorEndsHangUpAtOnce();
 
@@ -386,6 +387,33 @@ void TestPortSerial::reopenAfterResourceErrorLeavesOneWorker()
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
 }
 
+void TestPortSerial::lateResourceErrorFromAnEarlierOpeningLeavesTheNewOneOpen()
+{
+    Link<> link;
+    OPEN_LINK(link);
+    PortSerial &port = *link.port;
+    {
+        PortSignals errors(port);
+        link.pty.closeMaster();
+        QTRY_VERIFY_WITH_TIMEOUT(errors.reported(QSerialPort::ReadError) || errors.reported(QSerialPort::ResourceError),
+                                 kWaitMs);
+        if (!errors.reported(QSerialPort::ResourceError)) {
+            ProtocolData record = command(0x01, {0, 0, 0, 0, 0, 0});
+            port.sendDatatoDevice(&record);
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(errors.reported(QSerialPort::ResourceError), kWaitMs);
+        port.closeSerialPort();
+    }
+    PseudoTerminal next;
+    REQUIRE_PTY(next);
+    QVERIFY(openOn(port, next));
+    // The first opening's resource error reaches a queued connection only now.
+    port.handleError(QSerialPort::ResourceError);
+    QVERIFY(port.m_com->isOpen());
+    QVERIFY(next.deviceSends(frame({0x25, 0, 0, 0, 0, 0, 0})));
+    QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
+}
+
 void TestPortSerial::resourceErrorOnClosedPortIsIgnored()
 {
     PortSerial port;
@@ -400,9 +428,10 @@ void TestPortSerial::hangUpEndsWithPortClosedByHandleError()
     OPEN_LINK(link);
     std::unique_ptr<PortSerial> &port = link.port;
     // What an application does to have a vanished device close the port.
-    QObject::connect(port->m_com, &QSerialPort::errorOccurred, port.get(), &PortSerial::handleError);
-    PortSignals errors(port->m_com);
-    const auto reported = [&errors](QSerialPort::SerialPortError error) { return errors.reported(error); };
+    QObject::connect(port->m_com, &QSerialPort::errorOccurred, port.get(), &PortSerial::handleError,
+                     Qt::DirectConnection);
+    auto errors = std::make_unique<PortSignals>(*port);
+    const auto reported = [&errors](QSerialPort::SerialPortError error) { return errors->reported(error); };
 
     link.pty.closeMaster();
     // Reading gives end of file: read errors, which Qt reports as a resource
@@ -418,12 +447,13 @@ void TestPortSerial::hangUpEndsWithPortClosedByHandleError()
     QVERIFY(reported(QSerialPort::ResourceError));
 
     // The error storm is over.
-    const int errorsAfterClose = errors.errorCount();
+    const int errorsAfterClose = errors->errorCount();
     QTest::qWait(200);
-    QCOMPARE(errors.errorCount(), errorsAfterClose);
+    QCOMPARE(errors->errorCount(), errorsAfterClose);
 
     // The worker still runs on the closed port; destruction stops it.
     QCOMPARE(port->runningWorkers(), 1);
+    errors.reset();
     port.reset();
     QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= link.threadsBefore, kWaitMs);
 }
@@ -442,7 +472,7 @@ void TestPortSerial::closingOnReadErrorEndsHangUpAtOnce()
                 port.closeSerialPort();
         },
         Qt::DirectConnection);
-    PortSignals errors(port.m_com);
+    PortSignals errors(port);
     link.pty.closeMaster();
     QTRY_VERIFY_WITH_TIMEOUT(!port.m_com->isOpen(), kWaitMs);
     QCOMPARE(port.m_threadRun.load(), false);
@@ -457,7 +487,7 @@ void TestPortSerial::dealFlagFalseDropsReceivedBytes()
     Link<> link;
     OPEN_LINK(link);
     PortSerial &port = *link.port;
-    PortSignals portSignals(port.m_com);
+    PortSignals portSignals(port);
     port.m_dealFlag = false;
     QVERIFY(link.pty.deviceSends("dropped"));
     QTRY_VERIFY_WITH_TIMEOUT(portSignals.readyReads() > 0, kWaitMs);
