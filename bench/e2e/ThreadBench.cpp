@@ -8,11 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+#include "LoopbackUdpSocket.h"
 #include "PortSerial.h"
 #include "PortUDP.h"
 #include "PseudoTerminal.h"
@@ -22,31 +18,6 @@
 namespace e2e {
 
 namespace {
-
-// A UDP socket on 127.0.0.1 that takes datagrams and never reads them: once
-// its buffer is full the kernel drops what comes, at no cost to the sender.
-class UdpSink
-{
-public:
-    UdpSink()
-    {
-        m_fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof(address);
-        if (m_fd < 0 || ::bind(m_fd, reinterpret_cast<sockaddr *>(&address), size) != 0
-            || ::getsockname(m_fd, reinterpret_cast<sockaddr *>(&address), &size) != 0)
-            throw SectionError("no UDP socket on 127.0.0.1");
-        m_port = ntohs(address.sin_port);
-    }
-    ~UdpSink() { ::close(m_fd); }
-    quint16 port() const { return m_port; }
-
-private:
-    int m_fd = -1;
-    quint16 m_port = 0;
-};
 
 // Reads and drops what the device side of a pseudo-terminal receives, so that
 // the port's output never backs up.
@@ -114,7 +85,11 @@ void compare(PortBase &port, const QString &link, const Options &options, Figure
 void sendThreads(const Options &options, Figures &figures)
 {
     {
-        UdpSink sink;
+        // Takes datagrams and never reads them: once its buffer is full the
+        // kernel drops what comes, at no cost to the sender.
+        LoopbackUdpSocket sink;
+        if (sink.port() == 0)
+            throw SectionError("no UDP socket on 127.0.0.1");
         PortUDP port;
         port.setDeviceIP(QStringLiteral("127.0.0.1"));
         port.setPort(sink.port());

@@ -71,21 +71,6 @@ int linesStartingWith(const LogCapture &log, const QString &start)
     return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const QString &line) { return line.startsWith(start); }));
 }
 
-// What the README advises: a slot of the application's own that takes read
-// and resource errors for a device that is gone and closes the port, connected
-// directly so that it runs on the transport's I/O thread as the error happens.
-void closeWhenDeviceGone(PortSerial &port)
-{
-    QObject::connect(
-        port.m_com, &QSerialPort::errorOccurred, &port,
-        [&port](QSerialPort::SerialPortError error) {
-            if (error == QSerialPort::ReadError || error == QSerialPort::ResourceError)
-                port.closeSerialPort();
-        },
-        Qt::DirectConnection);
-    syncWithIoThread(port);
-}
-
 // A thread playing the device, joined however the test ends.
 class DeviceThread
 {

@@ -220,6 +220,30 @@ void shortPause(std::chrono::milliseconds)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
+// Every device talking, with the debug log off (thousands of log lines would
+// only bury the result), an empty queue, and the USB transport's open and
+// close pauses short: a thousand of them at 100 ms each would take minutes,
+// and the workers' hand-over does not depend on the pause's length.
+struct Traffic
+{
+    Traffic()
+    {
+        QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
+        testqueue::reset();
+        PortUSB::setOpenClosePause(shortPause);
+    }
+    ~Traffic()
+    {
+        PortUSB::setOpenClosePause(nullptr);
+        testqueue::reset();
+    }
+
+    SentReplies sent;
+    UdpDevice udp{sent};
+    SerialDevice serial{sent};
+    UsbDevice usb{sent};
+};
+
 void pumpEvents(int ms)
 {
     QElapsedTimer timer;
@@ -288,24 +312,15 @@ private slots:
 
 void TestLinkSwitch::switchingLinksUnderTrafficKeepsOnlySentReplies()
 {
-    // Thousands of log lines would only bury the result.
-    QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
-    testqueue::reset();
-    SentReplies sent;
-    UdpDevice udp(sent);
-    SerialDevice serial(sent);
-    UsbDevice usb(sent);
-    // A thousand USB opens and closes at 100 ms each would take minutes; the
-    // workers' hand-over does not depend on the pause's length.
-    PortUSB::setOpenClosePause(shortPause);
-    QVERIFY(!serial.path().isEmpty());
+    Traffic traffic;
+    QVERIFY(!traffic.serial.path().isEmpty());
 
     QElapsedTimer timer;
     timer.start();
     int switches = 0;
     for (; switches < kSwitches && timer.elapsed() < kDeadlineMs; ++switches) {
         const int type = switches % 3;
-        PortBase *port = switchTo(switches, serial.path(), udp.port());
+        PortBase *port = switchTo(switches, traffic.serial.path(), traffic.udp.port());
         QCOMPARE(PortInterface::iCORE, port);
         if (type == ConnUSB)
             QVERIFY(static_cast<PortUSB *>(port)->isOpen());
@@ -319,9 +334,7 @@ void TestLinkSwitch::switchingLinksUnderTrafficKeepsOnlySentReplies()
     delete PortInterface::iCORE;
     PortInterface::iCORE = nullptr;
     QCOMPARE(switches, kSwitches);
-    checkQueuedRepliesWereSent(sent, switches, timer.elapsed());
-    PortUSB::setOpenClosePause(nullptr);
-    testqueue::reset();
+    checkQueuedRepliesWereSent(traffic.sent, switches, timer.elapsed());
 }
 
 void TestLinkSwitch::switchingFromAWorkerThreadWhileAnotherThreadSends()
@@ -329,16 +342,10 @@ void TestLinkSwitch::switchingFromAWorkerThreadWhileAnotherThreadSends()
     // The factory used from a worker thread, one thread at a time: no thread
     // holds the current transport across a switch, so the sender takes it
     // afresh under the same lock as the switch.
-    QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
-    testqueue::reset();
-    SentReplies sent;
-    UdpDevice udp(sent);
-    SerialDevice serial(sent);
-    UsbDevice usb(sent);
-    PortUSB::setOpenClosePause(shortPause);
-    QVERIFY(!serial.path().isEmpty());
-    const QString serialPath = serial.path();
-    const quint16 udpPort = udp.port();
+    Traffic traffic;
+    QVERIFY(!traffic.serial.path().isEmpty());
+    const QString serialPath = traffic.serial.path();
+    const quint16 udpPort = traffic.udp.port();
 
     std::mutex current;
     std::atomic<bool> done{false};
@@ -383,9 +390,7 @@ void TestLinkSwitch::switchingFromAWorkerThreadWhileAnotherThreadSends()
     QCOMPARE(switches.load(), kSwitches);
     QVERIFY(sends.load() > 0);
     QCOMPARE(PortInterface::iCORE, nullptr);
-    checkQueuedRepliesWereSent(sent, switches, timer.elapsed());
-    PortUSB::setOpenClosePause(nullptr);
-    testqueue::reset();
+    checkQueuedRepliesWereSent(traffic.sent, switches, timer.elapsed());
 }
 
 QTEST_GUILESS_MAIN(TestLinkSwitch)

@@ -33,6 +33,22 @@ inline void syncWithIoThread(PortSerial &port)
     port.readPendingDatagrams();
 }
 
+// What the README advises: a slot of the application's own that takes read
+// and resource errors for a device that is gone and closes the port,
+// connected directly so that it runs on the transport's I/O thread as the
+// error happens.
+inline void closeWhenDeviceGone(PortSerial &port)
+{
+    QObject::connect(
+        port.m_com, &QSerialPort::errorOccurred, &port,
+        [&port](QSerialPort::SerialPortError error) {
+            if (error == QSerialPort::ReadError || error == QSerialPort::ResourceError)
+                port.closeSerialPort();
+        },
+        Qt::DirectConnection);
+    syncWithIoThread(port);
+}
+
 // What the port of a serial transport signals, recorded as it happens on the
 // transport's I/O thread and read from the test's thread under a lock (a
 // QSignalSpy on the port would be written and read without one).

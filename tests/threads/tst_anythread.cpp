@@ -22,6 +22,7 @@
 
 #include "CommandFrame.h"
 #include "LogCapture.h"
+#include "LoopbackUdpSocket.h"
 #include "PortSerial.h"
 #include "PortUDP.h"
 #include "PseudoTerminal.h"
@@ -83,32 +84,18 @@ void sendFromWorkersAndJoin(PortBase &port)
 class ThreadUdpDevice
 {
 public:
+    // Room for every datagram of a test even while the reading thread waits
+    // for a processor.
     ThreadUdpDevice()
+        : m_socket(16 * 1024 * 1024)
     {
-        m_fd = ::socket(AF_INET, SOCK_DGRAM, 0);
-        // Room for every datagram of a test even while the reading thread
-        // waits for a processor: loopback drops what does not fit. Beyond the
-        // system's limit only root may go (as these tests run in CI).
-        const int room = 16 * 1024 * 1024;
-        if (::setsockopt(m_fd, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof(room)) != 0)
-            ::setsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof(address);
-        if (m_fd < 0 || ::bind(m_fd, reinterpret_cast<sockaddr *>(&address), size) != 0
-            || ::getsockname(m_fd, reinterpret_cast<sockaddr *>(&address), &size) != 0)
-            return;
-        m_port = ntohs(address.sin_port);
     }
     ~ThreadUdpDevice()
     {
         if (m_reader.joinable())
             m_reader.join();
-        if (m_fd >= 0)
-            ::close(m_fd);
     }
-    quint16 port() const { return m_port; }
+    quint16 port() const { return m_socket.port(); }
 
     void collect(int count)
     {
@@ -117,11 +104,11 @@ public:
             timer.start();
             char buffer[2048];
             while (int(m_datagrams.size()) < count && timer.elapsed() < kDeadlineMs) {
-                pollfd wait{m_fd, POLLIN, 0};
+                pollfd wait{m_socket.fd(), POLLIN, 0};
                 if (::poll(&wait, 1, 50) <= 0)
                     continue;
                 socklen_t size = sizeof(m_lastSender);
-                const ssize_t n = ::recvfrom(m_fd, buffer, sizeof(buffer), 0,
+                const ssize_t n = ::recvfrom(m_socket.fd(), buffer, sizeof(buffer), 0,
                                              reinterpret_cast<sockaddr *>(&m_lastSender), &size);
                 if (n >= 0)
                     m_datagrams.emplace_back(buffer, int(n));
@@ -138,18 +125,26 @@ public:
     // Answers the sender of the last datagram collected; call after join().
     bool reply(const QByteArray &bytes)
     {
-        return ::sendto(m_fd, bytes.constData(), size_t(bytes.size()), 0,
+        return ::sendto(m_socket.fd(), bytes.constData(), size_t(bytes.size()), 0,
                         reinterpret_cast<const sockaddr *>(&m_lastSender), sizeof(m_lastSender))
                == bytes.size();
     }
 
 private:
-    int m_fd = -1;
-    quint16 m_port = 0;
+    LoopbackUdpSocket m_socket;
     sockaddr_in m_lastSender{};
     std::vector<QByteArray> m_datagrams;
     std::thread m_reader;
 };
+
+// A network transport made on the calling thread and pointed at device.
+std::unique_ptr<PortUDP> transportFor(const ThreadUdpDevice &device)
+{
+    auto port = std::make_unique<PortUDP>();
+    port->setDeviceIP(QStringLiteral("127.0.0.1"));
+    port->setPort(device.port());
+    return port;
+}
 
 // Cuts the bytes a serial device received into command frames (headers only:
 // the commands here have no payload).
@@ -230,16 +225,14 @@ void TestAnyThread::udpSendsFromWorkersWhileCreatorIsJoinedEndWithinASecond()
     QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
     ThreadUdpDevice device;
     QVERIFY(device.port() != 0);
-    PortUDP port;
-    port.setDeviceIP(QStringLiteral("127.0.0.1"));
-    port.setPort(device.port());
+    const std::unique_ptr<PortUDP> port = transportFor(device);
     device.collect(50);
     QElapsedTimer timer;
     timer.start();
     std::thread worker([&port] {
         for (int seq = 0; seq < 50; ++seq) {
             ProtocolData record = numberedCommand(0, seq);
-            port.sendDatatoDevice(&record);
+            port->sendDatatoDevice(&record);
         }
     });
     worker.join();
@@ -255,11 +248,9 @@ void TestAnyThread::udpSendsFromTwoWorkersWhileCreatorIsJoinedArriveOnceEach()
     QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
     ThreadUdpDevice device;
     QVERIFY(device.port() != 0);
-    PortUDP port;
-    port.setDeviceIP(QStringLiteral("127.0.0.1"));
-    port.setPort(device.port());
+    const std::unique_ptr<PortUDP> port = transportFor(device);
     device.collect(kSenders * kCommandsEach);
-    sendFromWorkersAndJoin(port);
+    sendFromWorkersAndJoin(*port);
     QLoggingCategory::setFilterRules(QString());
     checkEachFrameOnce(device.join());
 }
@@ -270,11 +261,7 @@ void TestAnyThread::udpSendsFromTwoWorkersAfterCreatorEndedArriveOnceEach()
     ThreadUdpDevice device;
     QVERIFY(device.port() != 0);
     std::unique_ptr<PortUDP> port;
-    std::thread creator([&] {
-        port = std::make_unique<PortUDP>();
-        port->setDeviceIP(QStringLiteral("127.0.0.1"));
-        port->setPort(device.port());
-    });
+    std::thread creator([&] { port = transportFor(device); });
     creator.join();
     device.collect(kSenders * kCommandsEach);
     sendFromWorkersAndJoin(*port);

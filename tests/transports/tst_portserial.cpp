@@ -463,15 +463,7 @@ void TestPortSerial::closingOnReadErrorEndsHangUpAtOnce()
     Link<> link;
     OPEN_LINK(link);
     PortSerial &port = *link.port;
-    // What the README advises: a slot of the application's own that takes
-    // read and resource errors for a vanished device, connected directly.
-    QObject::connect(
-        port.m_com, &QSerialPort::errorOccurred, &port,
-        [&port](QSerialPort::SerialPortError error) {
-            if (error == QSerialPort::ReadError || error == QSerialPort::ResourceError)
-                port.closeSerialPort();
-        },
-        Qt::DirectConnection);
+    closeWhenDeviceGone(port);
     PortSignals errors(port);
     link.pty.closeMaster();
     QTRY_VERIFY_WITH_TIMEOUT(!port.m_com->isOpen(), kWaitMs);
