@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "CommandFrame.h"
+#include "LogCapture.h"
 #include "PortInterface.h"
 #include "ReceiveQueue.h"
 #include "PortSerial.h"
@@ -344,6 +345,7 @@ void TestLinkSwitch::switchingFromAWorkerThreadWhileAnotherThreadSends()
     // afresh under the same lock as the switch.
     Traffic traffic;
     QVERIFY(!traffic.serial.path().isEmpty());
+    LogCapture log; // no Qt warning about objects of another thread
     const QString serialPath = traffic.serial.path();
     const quint16 udpPort = traffic.udp.port();
 
@@ -391,6 +393,7 @@ void TestLinkSwitch::switchingFromAWorkerThreadWhileAnotherThreadSends()
     QVERIFY(sends.load() > 0);
     QCOMPARE(PortInterface::iCORE, nullptr);
     checkQueuedRepliesWereSent(traffic.sent, switches, timer.elapsed());
+    QCOMPARE(log.warnings(), QStringList());
 }
 
 QTEST_GUILESS_MAIN(TestLinkSwitch)

@@ -216,6 +216,7 @@ private slots:
     void udpRebuildAndSendFromWorkerWhileCreatorIsJoined();
     void serialOpenSendAndCloseFromWorkerWhileCreatorIsJoined();
     void deleteFromAnotherThreadLeavesNoThreadAndKeepsQueuedRecords();
+    void invokeWithDefaultConnectionOnCreatingThreadIsSynchronous();
 };
 
 void TestAnyThread::udpSendsFromWorkersWhileCreatorIsJoinedEndWithinASecond()
@@ -391,6 +392,26 @@ void TestAnyThread::deleteFromAnotherThreadLeavesNoThreadAndKeepsQueuedRecords()
     QTRY_VERIFY(threadCount() <= threadsBefore);
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(log.warnings(), QStringList());
+}
+
+void TestAnyThread::invokeWithDefaultConnectionOnCreatingThreadIsSynchronous()
+{
+    ThreadUdpDevice device;
+    QVERIFY(device.port() != 0);
+    const std::unique_ptr<PortUDP> port = transportFor(device);
+    device.collect(2);
+    LogCapture log;
+    const QString sendData = QStringLiteral("Send data:") + QString::fromLatin1(numberedFrame(1, 2));
+    for (int i = 0; i < 2; ++i) {
+        // The record is this scope's: the call has used it by the time it returns.
+        ProtocolData record = numberedCommand(1, 2);
+        QVERIFY(QMetaObject::invokeMethod(port.get(), "sendDatatoDevice", Q_ARG(void *, &record)));
+        QCOMPARE(log.lines().size(), 2 * (i + 1));
+        QCOMPARE(log.lines().constLast(), sendData);
+    }
+    const std::vector<QByteArray> received = device.join();
+    QCOMPARE(received.size(), size_t(2));
+    QCOMPARE(received.at(0), numberedFrame(1, 2));
 }
 
 QTEST_GUILESS_MAIN(TestAnyThread)
