@@ -67,6 +67,11 @@ IoThread::IoThread(const char *name)
 IoThread::~IoThread()
 {
     stop();
+    // A thread that started too late to be used still has its loop to end.
+    if (m_thread.isRunning()) {
+        m_thread.quit();
+        m_thread.wait();
+    }
     // The thread has finished: nothing else can deliver to the context now.
     delete m_context;
     if (m_wakeFd >= 0)

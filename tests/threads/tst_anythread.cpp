@@ -72,6 +72,10 @@ void sendFromWorkersAndJoin(PortBase &port)
             for (int seq = 0; seq < kCommandsEach; ++seq) {
                 ProtocolData record = numberedCommand(sender, seq);
                 port.sendDatatoDevice(&record);
+                // A breath now and then for the device's reader, where the
+                // system does not let its socket hold every datagram.
+                if (seq % 100 == 99)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
             }
         });
     for (std::thread &sender : senders)
