@@ -89,8 +89,10 @@ LoopbackDevice::PacedResult LoopbackDevice::sendPaced(const std::vector<Datagram
     // Bounded by the record count, the deadline and the stall time.
     while (result.sentRecords < records) {
         const Clock::time_point now = Clock::now();
-        if (now >= deadline)
+        if (now >= deadline) {
+            result.deadlineReached = true;
             break;
+        }
         const long done = taken();
         if (done != lastTaken) {
             lastTaken = done;

@@ -47,7 +47,10 @@ public:
     struct PacedResult {
         long sentRecords = 0;
         Clock::time_point first;
-        bool stalled = false; // taken() stopped moving for a second: replies were lost
+        // taken() stopped moving for a second with replies outstanding: the
+        // sending stopped there.
+        bool stalled = false;
+        bool deadlineReached = false; // the sending stopped at the deadline
     };
     // Sends datagrams from cycle, in turn, to the sender of the last datagram
     // received, until they complete `records` records, never running more than

@@ -2,6 +2,7 @@
 // device answering, the record on the receive queue. Beside it in the same run:
 // a plain QUdpSocket doing the same request/reply with the same device, and
 // std::thread start-and-detach, which the queue action pays once per reply.
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <optional>
@@ -165,17 +166,24 @@ void settleAfterLoss()
 
 struct Samples {
     std::vector<double> values;
-    int lost = 0;
+    // Commands whose reply was not there within a second: lost, or so late
+    // that the sample says nothing about the round trip either way.
+    int unanswered = 0;
     void add(const std::optional<double> &sample)
     {
         if (sample)
             values.push_back(*sample);
         else {
-            ++lost;
+            ++unanswered;
             settleAfterLoss();
         }
     }
-    QString lostText() const { return lost ? QStringLiteral(", %1 lost").arg(lost) : QString(); }
+    QString unansweredText() const
+    {
+        if (!unanswered)
+            return QString();
+        return QStringLiteral(", %1 of %2 unanswered within 1 s").arg(unanswered).arg(unanswered + int(values.size()));
+    }
 };
 
 QString micros(double value)
@@ -208,35 +216,103 @@ bool runEventsUntil(const std::function<bool()> &done, Clock::time_point deadlin
     return true;
 }
 
+// How a paced run ended. Three outcomes are kept apart: replies lost (sent by
+// the device and never taken off the queue), replies the device had not sent
+// when the deadline came or when the receiving side stopped taking, and a
+// run that went through.
 struct RateResult {
-    double perSecond = 0;
-    long lost = 0;
+    long asked = 0;      // records the device was to send
+    long sent = 0;       // records its datagrams completed before it stopped
+    long taken = 0;      // records taken off the queue
+    double seconds = 0;  // from the first send to the last take
+    std::chrono::seconds deadline{0};
+    bool stalled = false; // the receiving side took nothing for a second
+
+    long lost() const { return std::max(0L, sent - taken); }
+    long unsent() const { return asked - sent; }
+    bool complete() const { return lost() == 0 && unsent() == 0; }
+    double perSecond() const { return seconds > 0 ? double(taken) / seconds : 0; }
 };
 
 // Replies sent as fast as the receiving side takes them (never more than a
 // window ahead), counted by taken(); the time runs from the first send to the
 // moment the last one was taken.
 RateResult pacedRate(LoopbackDevice &device, const std::vector<LoopbackDevice::Datagram> &cycle, long records,
-                     const std::function<long()> &taken, const std::function<Clock::time_point()> &lastTake)
+                     const std::function<long()> &taken, const std::function<Clock::time_point()> &lastTake,
+                     std::chrono::seconds limit = 120s)
 {
     constexpr long kWindow = 64;
-    const Clock::time_point deadline = Clock::now() + 120s;
+    const Clock::time_point deadline = Clock::now() + limit;
     std::atomic<bool> sent{false};
     LoopbackDevice::PacedResult paced;
     std::thread sender([&] {
         paced = device.sendPaced(cycle, records, kWindow, taken, deadline);
         sent = true;
     });
-    // Done when all are taken, or when the sender has given up.
-    runEventsUntil([&] { return taken() >= records || sent.load(); }, deadline);
+    // Done when all are taken, or when the sender has stopped.
+    runEventsUntil([&] { return taken() >= records || sent.load(); }, deadline + 1s);
     sender.join();
-    runEventsUntil([&] { return taken() >= records; }, Clock::now() + 1s);
+    // What was sent gets a second more to reach the queue; what is still
+    // missing then is lost.
+    runEventsUntil([&] { return taken() >= paced.sentRecords; }, Clock::now() + 1s);
     RateResult result;
-    result.lost = records - taken();
-    if (result.lost == 0)
-        result.perSecond = double(records) / (millisecondsBetween(paced.first, lastTake()) / 1000.0);
+    result.asked = records;
+    result.sent = paced.sentRecords;
+    result.taken = taken();
+    result.deadline = limit;
+    result.stalled = paced.stalled;
+    if (result.taken > 0)
+        result.seconds = std::max(0.0, millisecondsBetween(paced.first, lastTake()) / 1000.0);
     return result;
 }
+
+// A paced run's outcome in words.
+QString outcomeText(const RateResult &r)
+{
+    const QString delivered = QStringLiteral("%1 of %2 delivered in %3 s")
+                                  .arg(count(r.taken), count(r.asked), number(r.seconds, 1));
+    if (r.lost() > 0)
+        return QStringLiteral("%1 of %2 sent lost (%3)").arg(count(r.lost()), count(r.sent), delivered);
+    if (r.stalled)
+        return QStringLiteral("stopped, the receiving side took nothing for 1 s: %1, none lost").arg(delivered);
+    if (r.unsent() > 0)
+        return QStringLiteral("not finished within the %1 s deadline: %2, none lost")
+            .arg(r.deadline.count())
+            .arg(delivered);
+    return delivered + QStringLiteral(", none lost");
+}
+
+// Rounds of one paced rate: the median rate of the rounds, counted only when
+// every round went through.
+struct RateRounds {
+    std::vector<RateResult> rounds;
+
+    void add(const RateResult &result) { rounds.push_back(result); }
+    bool complete() const
+    {
+        return std::all_of(rounds.begin(), rounds.end(), [](const RateResult &r) { return r.complete(); });
+    }
+    double perSecond() const
+    {
+        std::vector<double> rates;
+        for (const RateResult &r : rounds)
+            rates.push_back(r.perSecond());
+        return median(rates);
+    }
+    // The rate, or what kept it from being one: the first round that did not
+    // go through.
+    QString text() const
+    {
+        for (size_t i = 0; i < rounds.size(); ++i) {
+            if (rounds[i].complete())
+                continue;
+            const QString where = rounds.size() > 1 ? QStringLiteral(" (round %1 of %2)").arg(i + 1).arg(rounds.size())
+                                                    : QString();
+            return outcomeText(rounds[i]) + where;
+        }
+        return count(long(perSecond())) + QStringLiteral(" /s, none lost");
+    }
+};
 
 // std::thread start-and-detach in a tight loop, until all have run.
 double threadStartRate(long threads)
@@ -249,13 +325,6 @@ double threadStartRate(long threads)
     while (done->load() < threads && Clock::now() < deadline)
         std::this_thread::sleep_for(100us);
     return double(threads) / (millisecondsBetween(start, Clock::now()) / 1000.0);
-}
-
-QString rateText(const RateResult &rate)
-{
-    if (rate.lost)
-        return QStringLiteral("%1 replies lost").arg(rate.lost);
-    return count(long(rate.perSecond)) + QStringLiteral(" /s, none lost");
 }
 
 } // namespace
@@ -331,19 +400,19 @@ void networkLatency(const Options &options, Figures &figures)
     const QString plainText = QStringLiteral("plain QUdpSocket request/reply");
 
     figures.add({QStringLiteral("network round trip, deliver at once, p50, %1").arg(mode),
-                 micros(deliver50) + deliverSamples.lostText(),
-                 micros(plain50) + QStringLiteral(" (%1 p50)").arg(plainText) + plainSamples.lostText(),
+                 micros(deliver50) + deliverSamples.unansweredText(),
+                 micros(plain50) + QStringLiteral(" (%1 p50)").arg(plainText) + plainSamples.unansweredText(),
                  deliver50 / plain50, QStringLiteral("<= 1.5x"), deliver50 <= 1.5 * plain50});
     figures.add({QStringLiteral("network round trip, deliver at once, p99, %1").arg(mode), micros(deliver99),
                  micros(plain99) + QStringLiteral(" (%1 p99)").arg(plainText), deliver99 / plain99,
                  QStringLiteral("report"), std::nullopt});
     const double queueBound = plain50 + 2 * threadCost;
-    figures.add({QStringLiteral("network round trip, queued, p50, %1").arg(mode), micros(queue50) + queueSamples.lostText(),
+    figures.add({QStringLiteral("network round trip, queued, p50, %1").arg(mode), micros(queue50) + queueSamples.unansweredText(),
                  micros(queueBound)
                      + QStringLiteral(" (plain p50 %1 + 2 x thread start %2; bare thread start %3, "
                                       "plain then thread %4)")
                            .arg(micros(plain50), micros(threadCost), micros(thread50), micros(plainThread50))
-                     + plainThreadSamples.lostText(),
+                     + plainThreadSamples.unansweredText(),
                  queue50 / queueBound, QStringLiteral("<= 1x (plain + 2 thread starts)"), queue50 <= queueBound});
     figures.add({QStringLiteral("network round trip, queued, p99, %1").arg(mode), micros(queue99),
                  micros(plain99) + QStringLiteral(" (%1 p99)").arg(plainText), queue99 / plain99,
@@ -361,17 +430,15 @@ void networkRate(const Options &options, Figures &figures)
     const long plainCount = options.count(100000, 500);
     const long delivered = options.count(100000, 500);
 
-    std::vector<double> threadRates, queueRates, plainRates, plainThreadRates, deliverRates;
-    long queueLost = 0, deliverLost = 0, plainLost = 0, plainThreadLost = 0;
+    std::vector<double> threadRates;
+    RateRounds queueRates, plainRates, plainThreadRates, deliverRates;
     for (int round = 0; round < options.count(5, 1); ++round) {
         threadRates.push_back(threadStartRate(threads));
         {
             PlainClient plain;
             introduce(device, [&] { plain.send(comm::produceCmds(command()), device.port()); });
-            const RateResult rate = pacedRate(device, {{kQueueReply, 1}}, plainCount,
-                                              [&] { return plain.received(); }, [&] { return plain.lastReceived(); });
-            plainRates.push_back(rate.perSecond);
-            plainLost += rate.lost;
+            plainRates.add(pacedRate(device, {{kQueueReply, 1}}, plainCount, [&] { return plain.received(); },
+                                     [&] { return plain.lastReceived(); }));
         }
         {
             // What the queue action's design costs without the library: the
@@ -389,10 +456,8 @@ void networkRate(const Options &options, Figures &figures)
                 }).detach();
             });
             introduce(device, [&] { plain.send(comm::produceCmds(command()), device.port()); });
-            const RateResult rate = pacedRate(device, {{kQueueReply, 1}}, queued, [&] { return done->count.load(); },
-                                              [&] { return Clock::time_point(Clock::duration(done->last.load())); });
-            plainThreadRates.push_back(rate.perSecond);
-            plainThreadLost += rate.lost;
+            plainThreadRates.add(pacedRate(device, {{kQueueReply, 1}}, queued, [&] { return done->count.load(); },
+                                           [&] { return Clock::time_point(Clock::duration(done->last.load())); }));
         }
         for (const bool atOnce : {false, true}) {
             Library library(device);
@@ -400,40 +465,45 @@ void networkRate(const Options &options, Figures &figures)
             QueueConsumer consumer;
             const QByteArray &reply = atOnce ? kDeliverAtOnceReply : kQueueReply;
             const long records = atOnce ? delivered : queued;
-            const RateResult rate = pacedRate(device, {{reply, 1}}, records, [&] { return consumer.taken(); },
-                                              [&] { return consumer.lastTake(); });
-            (atOnce ? deliverRates : queueRates).push_back(rate.perSecond);
-            (atOnce ? deliverLost : queueLost) += rate.lost;
+            (atOnce ? deliverRates : queueRates)
+                .add(pacedRate(device, {{reply, 1}}, records, [&] { return consumer.taken(); },
+                               [&] { return consumer.lastTake(); }));
         }
     }
-    const RateResult threadRate{median(threadRates), 0};
-    const RateResult queueRate{median(queueRates), queueLost};
-    const RateResult plainRate{median(plainRates), plainLost};
-    const RateResult deliverRate{median(deliverRates), deliverLost};
-    const RateResult plainThreadRate{median(plainThreadRates), plainThreadLost};
-    const auto ratio = [](const RateResult &rate, const RateResult &base) -> std::optional<double> {
-        if (rate.lost || base.lost || base.perSecond <= 0)
+    const double threadRate = median(threadRates);
+    const auto ratio = [](const RateRounds &rate, const RateRounds &base) -> std::optional<double> {
+        if (!rate.complete() || !base.complete() || base.perSecond() <= 0)
             return std::nullopt;
-        return rate.perSecond / base.perSecond;
+        return rate.perSecond() / base.perSecond();
     };
-    const std::optional<double> queueRatio = ratio(queueRate, threadRate);
-    const std::optional<double> deliverRatio = ratio(deliverRate, plainRate);
-    const std::optional<double> queueDesignRatio = ratio(queueRate, plainThreadRate);
-    figures.add({QStringLiteral("network sustained rate, queue action"), rateText(queueRate),
-                 count(long(threadRate.perSecond)) + QStringLiteral(" /s (std::thread start-and-detach, tight loop)"),
-                 queueRatio, QStringLiteral(">= 0.6x"), queueRatio && *queueRatio >= 0.6});
-    figures.add({QStringLiteral("network sustained rate, queue action, against a plain socket starting a thread per reply"),
-                 rateText(queueRate),
-                 rateText(plainThreadRate) + QStringLiteral(" (plain QUdpSocket receive, std::thread start-and-detach per reply)"),
-                 queueDesignRatio, QStringLiteral("report"), std::nullopt});
-    figures.add({QStringLiteral("network sustained rate, deliver at once"), rateText(deliverRate),
-                 rateText(plainRate) + QStringLiteral(" (plain QUdpSocket receive)"), deliverRatio,
+    // The queue action starts a thread per reply by design: its fair baseline
+    // is a plain socket doing the same. The bare tight loop of thread starts
+    // does nothing else, and its rate follows the machine's load.
+    const std::optional<double> queueRatio = ratio(queueRates, plainThreadRates);
+    const std::optional<double> deliverRatio = ratio(deliverRates, plainRates);
+    std::optional<double> queueBareRatio;
+    if (queueRates.complete() && threadRate > 0)
+        queueBareRatio = queueRates.perSecond() / threadRate;
+    figures.add({QStringLiteral("network sustained rate, queue action"), queueRates.text(),
+                 plainThreadRates.text()
+                     + QStringLiteral(" (plain QUdpSocket receive, std::thread start-and-detach per reply)"),
+                 queueRatio, QStringLiteral(">= 0.85x"), queueRatio && *queueRatio >= 0.85});
+    figures.add({QStringLiteral("network sustained rate, queue action, against bare thread starts"), queueRates.text(),
+                 count(long(threadRate)) + QStringLiteral(" /s (std::thread start-and-detach, tight loop)"),
+                 queueBareRatio, QStringLiteral("report"), std::nullopt});
+    figures.add({QStringLiteral("network sustained rate, deliver at once"), deliverRates.text(),
+                 plainRates.text() + QStringLiteral(" (plain QUdpSocket receive)"), deliverRatio,
                  QStringLiteral(">= 0.5x"), deliverRatio && *deliverRatio >= 0.5});
 }
 
 void memoryReplies(const Options &options, Figures &figures)
 {
-    const long total = options.count(1000000, 3000);
+    // Under AddressSanitizer every allocation and thread start costs several
+    // times more, and a million replies do not fit in the deadline on two
+    // processors; a quarter of a million with the same mix still passes every
+    // path many thousand times over for the leak check. Whether memory
+    // settles is read from the plain build's million.
+    const long total = options.count(leakCheckAvailable() ? 250000 : 1000000, 3000);
     const long mark = std::min(10000L, total / 10);
     LoopbackDevice device;
     if (!device.isValid())
@@ -460,15 +530,18 @@ void memoryReplies(const Options &options, Figures &figures)
     }
     testqueue::take();
     const QString what = QStringLiteral("replies through the network path");
-    if (rate.lost)
-        figures.add({QStringLiteral("memory: ") + what, QStringLiteral("%1 replies lost").arg(rate.lost), QString(),
-                     std::nullopt, QStringLiteral("none lost"), false});
+    // A run that did not go through says why, and the memory figures below
+    // then count the replies that did reach the queue.
+    if (!rate.complete())
+        figures.add({QStringLiteral("memory: %1 %2").arg(count(total), what), outcomeText(rate), QString(),
+                     std::nullopt,
+                     QStringLiteral("all within %1 s, none lost").arg(rate.deadline.count()), false});
     if (leakCheckAvailable()) {
         if (const std::optional<LeakReport> leaks = checkLeaks())
-            figures.add(leakFigure(what, total, *leaks));
+            figures.add(leakFigure(what, rate.taken, *leaks));
         return;
     }
-    figures.add(residentGrowthFigure(what, mark, firstBytes.load(), total, endBytes));
+    figures.add(residentGrowthFigure(what, mark, firstBytes.load(), rate.taken, endBytes));
 }
 
 } // namespace e2e

@@ -149,8 +149,8 @@ bool runChild(const SectionEntry &entry, bool pinned, const Options &options, co
     if (finished && child.exitStatus() == QProcess::NormalExit && child.exitCode() == 0 && file.exists())
         return true;
     figures.add({label,
-                 finished ? QStringLiteral("failed (exit code %1)").arg(child.exitCode())
-                          : QStringLiteral("did not finish"),
+                 finished ? QStringLiteral("section failed (exit code %1)").arg(child.exitCode())
+                          : QStringLiteral("section did not finish within %1 min: stopped").arg(timeoutMs / 60000),
                  QString(), std::nullopt, QString(), false});
     return false;
 }
