@@ -14,19 +14,26 @@ namespace {
 constexpr int kInterruptedRetries = 16;
 } // namespace
 
-qint64 sendDatagram(qintptr descriptor, const char *bytes, qint64 size, const QHostAddress &address, quint16 port)
+BoundSocket boundSocket(qintptr descriptor)
 {
-    const int fd = static_cast<int>(descriptor);
     sockaddr_storage local{};
     socklen_t localSize = sizeof(local);
-    if (::getsockname(fd, reinterpret_cast<sockaddr *>(&local), &localSize) != 0)
-        return -1;
+    if (descriptor < 0
+        || ::getsockname(static_cast<int>(descriptor), reinterpret_cast<sockaddr *>(&local), &localSize) != 0)
+        return {};
+    return {descriptor, local.ss_family};
+}
+
+qint64 sendDatagram(const BoundSocket &socket, const char *bytes, qint64 size, const QHostAddress &address,
+                    quint16 port)
+{
+    const int fd = static_cast<int>(socket.descriptor);
 
     sockaddr_storage target{};
     socklen_t targetSize = 0;
     bool isIPv4 = false;
     const quint32 ipv4 = address.toIPv4Address(&isIPv4);
-    if (local.ss_family == AF_INET) {
+    if (socket.family == AF_INET) {
         if (!isIPv4)
             return -1;
         auto *in = reinterpret_cast<sockaddr_in *>(&target);
@@ -34,7 +41,7 @@ qint64 sendDatagram(qintptr descriptor, const char *bytes, qint64 size, const QH
         in->sin_port = htons(port);
         in->sin_addr.s_addr = htonl(ipv4);
         targetSize = sizeof(sockaddr_in);
-    } else if (local.ss_family == AF_INET6) {
+    } else if (socket.family == AF_INET6) {
         auto *in6 = reinterpret_cast<sockaddr_in6 *>(&target);
         in6->sin6_family = AF_INET6;
         in6->sin6_port = htons(port);

@@ -207,12 +207,15 @@ qint64 PortUDP::writeDatagramTo(const char *bytes, qint64 size, const QHostAddre
         return -1;
     const qintptr bound = m_boundDescriptor;
     if (bound >= 0)
-        return comm::sendDatagram(bound, bytes, size, address, port);
+        return comm::sendDatagram({bound, m_boundFamily}, bytes, size, address, port);
     // The first send, on the I/O thread: Qt binds the socket to an ephemeral
     // port and starts watching it for replies.
     const qint64 written = m_udpSocket->writeDatagram(bytes, size, address, port);
-    if (m_udpSocket->state() == QAbstractSocket::BoundState)
-        m_boundDescriptor = m_udpSocket->socketDescriptor();
+    if (m_udpSocket->state() == QAbstractSocket::BoundState) {
+        const comm::BoundSocket socket = comm::boundSocket(m_udpSocket->socketDescriptor());
+        m_boundFamily = socket.family;
+        m_boundDescriptor = socket.descriptor;
+    }
     return written;
 }
 

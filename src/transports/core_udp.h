@@ -149,8 +149,10 @@ private:
     std::unique_ptr<ReplyPath> m_reply;
     // Where the socket lives; started before it is made, stopped after it is gone.
     std::unique_ptr<comm::IoThread> m_io;
-    // The bound socket's descriptor, -1 until its first send has bound it.
-    // Becomes valid on the I/O thread with the guard held shared, and goes
-    // back to -1 only with the guard held exclusively.
+    // The bound socket's descriptor, -1 until its first send has bound it,
+    // and its address family. Become valid on the I/O thread with the guard
+    // held shared (the family first), and the descriptor goes back to -1 only
+    // with the guard held exclusively.
     std::atomic<qintptr> m_boundDescriptor{-1};
+    std::atomic<int> m_boundFamily{0};
 };
