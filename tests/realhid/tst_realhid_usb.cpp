@@ -173,14 +173,7 @@ void TestRealHidUsb::commandFrameSizes()
 
 void TestRealHidUsb::updateSplit_data()
 {
-    QTest::addColumn<int>("size");
-    QTest::addColumn<QList<int>>("chunks");
-    QTest::newRow("19") << 19 << QList<int>{19};
-    QTest::newRow("63") << 63 << QList<int>{63};
-    QTest::newRow("64") << 64 << QList<int>{19, 45};
-    QTest::newRow("83") << 83 << QList<int>{19, 64};
-    QTest::newRow("84") << 84 << QList<int>{19, 64, 1};
-    QTest::newRow("147") << 147 << QList<int>{19, 64, 64};
+    addUpdateSplitRows();
 }
 
 void TestRealHidUsb::updateSplit()
@@ -190,12 +183,7 @@ void TestRealHidUsb::updateSplit()
     LogCapture log;
     const QByteArray data = numberedBytes(size);
     m_port->sendUSBData_Update_Vornik(data);
-    std::vector<QByteArray> expected;
-    int offset = 0;
-    for (int length : chunks) {
-        expected.push_back(outputReport(data.mid(offset, length)));
-        offset += length;
-    }
+    const std::vector<QByteArray> expected = chunkReports(data, chunks);
     QCOMPARE(outputReports(chunks.size()), expected);
     QCOMPARE(log.lines(), QStringList());
 }

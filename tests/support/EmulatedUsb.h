@@ -1,9 +1,9 @@
 #pragma once
 
-#include <QElapsedTimer>
-#include <QTest>
+#include <QString>
 
 #include "EmulatedHid.h"
+#include "WaitUntil.h"
 
 // What the tests on the real hidapi stack share: the process's umockdev
 // testbed, and waits on what the library does to it.
@@ -12,18 +12,10 @@ namespace emulatedusb {
 // Generous: sanitizer builds on a loaded two-core machine.
 constexpr int kWaitMs = 30000;
 
-// Polls condition until it holds, for kWaitMs at most, keeping events going.
 template <typename Condition>
 bool waitUntil(Condition condition)
 {
-    QElapsedTimer timer;
-    timer.start();
-    while (!condition()) {
-        if (timer.elapsed() > kWaitMs)
-            return false;
-        QTest::qWait(10);
-    }
-    return true;
+    return ::waitUntil(condition, kWaitMs);
 }
 
 // Returns once the program has enumerated devices n more times: with no

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QList>
 
 #include <vector>
 
@@ -17,6 +18,11 @@ QByteArray outputReport(const QByteArray &chunk);
 // The output reports that carry a command frame: 64 bytes each, the last one
 // short and padded with zeros.
 std::vector<QByteArray> commandReports(const QByteArray &frameBytes);
+// The output reports that carry data cut into chunks of these lengths.
+std::vector<QByteArray> chunkReports(const QByteArray &data, const QList<int> &chunks);
+// Test data rows "size" (int) and "chunks" (QList<int>): update data of that
+// size and the lengths sendUSBData_Update_Vornik cuts it into.
+void addUpdateSplitRows();
 // A 64-byte input report: bytes, then zeros, as a device pads a short reply.
 QByteArray inputReport(const QByteArray &bytes);
 // Data whose bytes differ from their neighbours, so that a misplaced chunk shows.
