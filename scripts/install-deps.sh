@@ -7,6 +7,7 @@ packages=(
     cmake ninja-build g++ pkg-config
     qtbase5-dev libqt5serialport5-dev
     libhidapi-dev
+    umockdev libumockdev-dev
     libbenchmark-dev python3
     iproute2 util-linux
 )

@@ -27,16 +27,17 @@
 #include "ReplyFrames.h"
 #include "SimulatedHid.h"
 #include "ThreadCount.h"
+#include "UsbReports.h"
 #include "UsbSignalLog.h"
 
 using replyframes::frame;
+using namespace usbreports;
 
 namespace {
 constexpr unsigned short kVid = 0x2E8A;
 constexpr unsigned short kPid = 0x00C0;
 // Generous: sanitizer builds on a loaded two-core machine.
 constexpr int kWaitMs = 30000;
-constexpr int kReportPayload = 64;
 
 // Returns once the hot-plug watcher has polled n more times.
 bool watcherPolls(int n)
@@ -52,32 +53,6 @@ bool watcherPolls(int n)
     return true;
 }
 
-// A command whose frame is frameSize bytes: the header and a numbered payload.
-ProtocolData commandOfFrameSize(int frameSize)
-{
-    ProtocolData record;
-    record.commandByte = 0x5A;
-    for (int i = 0; i < 6; ++i)
-        record.paramBytes[i] = quint8(i + 1);
-    record.payload = QByteArray(frameSize - 19, Qt::Uninitialized);
-    for (int i = 0; i < record.payload.size(); ++i)
-        record.payload[i] = char(i % 251 + 1);
-    return record;
-}
-
-// The output reports that carry frameBytes: report ID 0, 64 bytes, zeros behind.
-std::vector<QByteArray> reportsOf(const QByteArray &frameBytes)
-{
-    std::vector<QByteArray> reports;
-    for (int at = 0; at < frameBytes.size(); at += kReportPayload) {
-        QByteArray report(65, '\0');
-        const QByteArray chunk = frameBytes.mid(at, kReportPayload);
-        report.replace(1, chunk.size(), chunk);
-        reports.push_back(report);
-    }
-    return reports;
-}
-
 // Reply n: B1 and B3 carry the number, no block is announced.
 std::array<quint8, 7> numbered(int n)
 {
@@ -87,12 +62,6 @@ std::array<quint8, 7> numbered(int n)
 int numberOf(const ProtocolData &record)
 {
     return record.paramBytes[0] << 8 | record.paramBytes[2];
-}
-
-// An input report as devices pad a short reply: the frame, then zeros.
-QByteArray paddedReport(const QByteArray &bytes)
-{
-    return bytes + QByteArray(kReportPayload - bytes.size(), '\0');
 }
 
 // Waits for the watcher to report after the first reportedBefore entries of
@@ -129,8 +98,8 @@ void checkCarriesNextCommand(PortUSB &port)
     port.sendDatatoDevice(&command);
     const std::vector<QByteArray> writes = simhid::writes();
     QCOMPARE(writes.size(), written + 1);
-    QCOMPARE(writes.back(), reportsOf(port.produceCmds(command)).front());
-    simhid::queueInput(paddedReport(frame(numbered(0x7FFF))));
+    QCOMPARE(writes.back(), commandReports(port.produceCmds(command)).front());
+    simhid::queueInput(inputReport(frame(numbered(0x7FFF))));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), queued + 1, kWaitMs);
     QCOMPARE(numberOf(testqueue::records().back()), 0x7FFF);
 }
@@ -239,7 +208,7 @@ void TestUsbFaults::deviceVanishingDuringLongWriteEndsTheWriteAndClosesTheLink()
     // Sixty reports, each taking 20 ms on the wire.
     simhid::setWriteDuration(20);
     const ProtocolData record = commandOfFrameSize(60 * kReportPayload);
-    const std::vector<QByteArray> reports = reportsOf(port.produceCmds(record));
+    const std::vector<QByteArray> reports = commandReports(port.produceCmds(record));
     QCOMPARE(reports.size(), size_t(60));
     {
         SendingThread sending(port, record);
@@ -278,7 +247,7 @@ void TestUsbFaults::deviceVanishingDuringReadDropsOnlyTheUnfinishedFrame()
     plugEvents.watch(port);
     QVERIFY(openAndLetWatcherSeeIt(port));
 
-    simhid::queueInput(paddedReport(frame(numbered(1))));
+    simhid::queueInput(inputReport(frame(numbered(1))));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     // The first ten bytes of the next reply, in a report of their own.
     const QByteArray second = frame(numbered(2));
@@ -294,7 +263,7 @@ void TestUsbFaults::deviceVanishingDuringReadDropsOnlyTheUnfinishedFrame()
     // Back again: the rest of the cut reply is garbage, the next one a reply.
     QVERIFY(plugBackAndReopen(port, plugEvents));
     simhid::queueInput(second.mid(10));
-    simhid::queueInput(paddedReport(frame(numbered(3))));
+    simhid::queueInput(inputReport(frame(numbered(3))));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);
     QTest::qWait(100); // a few reassembly turns: nothing else comes
     QCOMPARE(queuedNumbers(), (std::vector<int>{1, 3}));
@@ -314,7 +283,7 @@ void TestUsbFaults::repliesStreamingWhileTheDeviceVanishesComeAtMostOnce()
     constexpr int kPerReport = 3;
     constexpr int kReplies = 10 * kPerReport;
     for (int n = 0; n < kReplies; n += kPerReport)
-        simhid::queueInput(paddedReport(frame(numbered(n)) + frame(numbered(n + 1)) + frame(numbered(n + 2))));
+        simhid::queueInput(inputReport(frame(numbered(n)) + frame(numbered(n + 1)) + frame(numbered(n + 2))));
     QTRY_VERIFY_WITH_TIMEOUT(testqueue::length() >= 3, kWaitMs);
     QVERIFY(pullOut(plugEvents));
     QVERIFY(!port.isOpen());
@@ -364,7 +333,7 @@ void TestUsbFaults::writeFailingAtAnyReportDropsTheRestAndTheNextCommandGoesThro
     QVERIFY(openAndLetWatcherSeeIt(port));
     const ProtocolData record = commandOfFrameSize(209);
     const QByteArray frameBytes = port.produceCmds(record);
-    const std::vector<QByteArray> reports = reportsOf(frameBytes);
+    const std::vector<QByteArray> reports = commandReports(frameBytes);
     QCOMPARE(reports.size(), size_t(4));
 
     simhid::failWrite(failingReport);

@@ -24,15 +24,16 @@
 #include "SimulatedHid.h"
 #include "StreamTransportChecks.h"
 #include "ThreadCount.h"
+#include "UsbReports.h"
 
 using replyframes::blockWithCheckByte;
 using replyframes::frame;
+using namespace usbreports;
 
 namespace {
 constexpr unsigned short kVid = 0x1A86;
 constexpr unsigned short kPid = 0xE010;
 constexpr int kWaitMs = 5000;
-constexpr int kReportPayload = 64;
 const auto kDeviceType = static_cast<ModulelEnum::DeviceType>(0x0A0B0C0D);
 
 ProtocolData command(quint8 commandByte, std::array<quint8, 6> params, const QByteArray &payload = {})
@@ -42,38 +43,6 @@ ProtocolData command(quint8 commandByte, std::array<quint8, 6> params, const QBy
     std::copy(params.begin(), params.end(), record.paramBytes);
     record.payload = payload;
     return record;
-}
-
-// A command whose frame is size bytes long (19 header bytes and a payload).
-ProtocolData commandOfFrameSize(int size)
-{
-    QByteArray payload(size - 19, '\0');
-    for (int i = 0; i < payload.size(); ++i)
-        payload[i] = char(0x80 + i % 100);
-    return command(0x5A, {1, 2, 3, 4, 5, 6}, payload);
-}
-
-// Data whose bytes differ from their neighbours, so that a misplaced chunk shows.
-QByteArray numbered(int size)
-{
-    QByteArray data(size, '\0');
-    for (int i = 0; i < size; ++i)
-        data[i] = char(i % 251 + 1);
-    return data;
-}
-
-// The 65-byte output report that carries chunk: report ID 0, chunk, zeros.
-QByteArray outputReport(const QByteArray &chunk)
-{
-    QByteArray report(65, '\0');
-    report.replace(1, chunk.size(), chunk);
-    return report;
-}
-
-// A 64-byte input report: bytes, then zeros, as a device pads a short reply.
-QByteArray inputReport(const QByteArray &bytes)
-{
-    return bytes + QByteArray(kReportPayload - bytes.size(), '\0');
 }
 
 QString recvLine(const QByteArray &frameBytes)
@@ -540,8 +509,8 @@ void TestPortUSB::writesOnClosedTransportDoNothing()
 {
     PortUSB port;
     LogCapture log;
-    port.sendUSBData(numbered(100));
-    port.sendUSBData_Update_Vornik(numbered(147));
+    port.sendUSBData(numberedBytes(100));
+    port.sendUSBData_Update_Vornik(numberedBytes(147));
     QCOMPARE(simhid::writeAttempts(), 0);
     QCOMPARE(log.lines(), QStringList());
 }
@@ -577,7 +546,7 @@ void TestPortUSB::failedFinalShortReportLogsSendFailed()
     QVERIFY(openOn(port));
     LogCapture log;
     simhid::failWrite(2);
-    port.sendUSBData(numbered(65));
+    port.sendUSBData(numberedBytes(65));
     QCOMPARE(simhid::writeAttempts(), 2);
     QCOMPARE(log.lines(), QStringList{QStringLiteral("Send failed")});
 }
@@ -612,15 +581,7 @@ void TestPortUSB::sendLeavesCallersRecordUnchanged()
 
 void TestPortUSB::updateSplit_data()
 {
-    QTest::addColumn<int>("size");
-    QTest::addColumn<QList<int>>("chunks");
-    QTest::newRow("19") << 19 << QList<int>{19};
-    QTest::newRow("63") << 63 << QList<int>{63};
-    QTest::newRow("64") << 64 << QList<int>{19, 45};
-    QTest::newRow("83") << 83 << QList<int>{19, 64};
-    QTest::newRow("84") << 84 << QList<int>{19, 64, 1};
-    QTest::newRow("147") << 147 << QList<int>{19, 64, 64};
-    QTest::newRow("empty") << 0 << QList<int>{};
+    addUpdateSplitRows();
 }
 
 void TestPortUSB::updateSplit()
@@ -630,14 +591,9 @@ void TestPortUSB::updateSplit()
     PortUSB port;
     QVERIFY(openOn(port));
     LogCapture log;
-    const QByteArray data = numbered(size);
+    const QByteArray data = numberedBytes(size);
     port.sendUSBData_Update_Vornik(data);
-    std::vector<QByteArray> expected;
-    int offset = 0;
-    for (int length : chunks) {
-        expected.push_back(outputReport(data.mid(offset, length)));
-        offset += length;
-    }
+    const std::vector<QByteArray> expected = chunkReports(data, chunks);
     QCOMPARE(simhid::writes(), expected);
     QCOMPARE(log.lines(), QStringList());
 }
@@ -647,7 +603,7 @@ void TestPortUSB::updateFailureInsideLoopIsSilent()
     PortUSB port;
     QVERIFY(openOn(port));
     LogCapture log;
-    const QByteArray data = numbered(147); // 19, 64, 64
+    const QByteArray data = numberedBytes(147); // 19, 64, 64
     simhid::failWrite(2);
     port.sendUSBData_Update_Vornik(data);
     QCOMPARE(simhid::writeAttempts(), 2);
@@ -664,13 +620,13 @@ void TestPortUSB::updateFailureOfFinalShortReportLogsSendFailed()
     QVERIFY(openOn(port));
     LogCapture log;
     simhid::failWrite(3);
-    port.sendUSBData_Update_Vornik(numbered(84)); // 19, 64, 1
+    port.sendUSBData_Update_Vornik(numberedBytes(84)); // 19, 64, 1
     QCOMPARE(simhid::writeAttempts(), 3);
     QCOMPARE(log.lines(), QStringList{QStringLiteral("Send failed")});
     // Data shorter than 64 bytes is one final short report.
     log.clear();
     simhid::failWrite(1);
-    port.sendUSBData_Update_Vornik(numbered(63));
+    port.sendUSBData_Update_Vornik(numberedBytes(63));
     QCOMPARE(simhid::writeAttempts(), 4);
     QCOMPARE(log.lines(), QStringList{QStringLiteral("Send failed")});
 }

@@ -17,6 +17,7 @@
 #include "ReceiveQueue.h"
 #include "SimulatedHid.h"
 #include "UsbSignalLog.h"
+#include "WaitUntil.h"
 
 namespace {
 constexpr unsigned short kVid = 0x10C4;
@@ -58,14 +59,7 @@ private:
 template <typename Condition>
 bool waitUntil(Condition condition)
 {
-    QElapsedTimer timer;
-    timer.start();
-    while (!condition()) {
-        if (timer.elapsed() > kWaitMs)
-            return false;
-        QTest::qWait(10);
-    }
-    return true;
+    return ::waitUntil(condition, kWaitMs);
 }
 
 // Returns once the watcher has polled n more times.

@@ -112,19 +112,29 @@ void Demo::serialLink()
 
 void Demo::usbLink()
 {
-    const QString reason = SimulatedDevice::usbUnavailableReason();
-    if (!reason.isEmpty()) {
-        section(QStringLiteral("USB link: skipped: %1").arg(reason));
-        return;
-    }
     constexpr quint16 vid = 0x0483, pid = 0x5750;
     SimulatedDevice device([](const QString &line) { printErr(line); });
     QString error;
-    if (!device.startUsb(vid, pid, &error)) {
-        section(QStringLiteral("USB link: skipped: %1").arg(error));
-        return;
+    const QString uhidMissing = SimulatedDevice::usbUnavailableReason();
+    if (uhidMissing.isEmpty()) {
+        if (!device.startUsb(vid, pid, &error)) {
+            section(QStringLiteral("USB link: skipped: %1").arg(error));
+            return;
+        }
+        section(QStringLiteral("USB link: simulated HID device 0483:5750"));
+    } else {
+        // No kernel device: one that umockdev emulates in this process.
+        const QString notEmulated = SimulatedDevice::emulatedUsbUnavailableReason();
+        if (!notEmulated.isEmpty()) {
+            section(QStringLiteral("USB link: skipped: %1, and no emulated device: %2").arg(uhidMissing, notEmulated));
+            return;
+        }
+        if (!device.startEmulatedUsb(vid, pid, &error)) {
+            section(QStringLiteral("USB link: skipped: %1").arg(error));
+            return;
+        }
+        section(QStringLiteral("USB link: simulated HID device 0483:5750, emulated by umockdev (%1)").arg(uhidMissing));
     }
-    section(QStringLiteral("USB link: simulated HID device 0483:5750"));
     PortBase *port = PortInterface::creatCoreObj(ConnUSB);
     // The kernel needs a moment to make the hidraw node: try for two seconds.
     bool opened = false;

@@ -1,6 +1,7 @@
 #include "SimulatedDevice.h"
 
 #include <QSocketNotifier>
+#include <QTimer>
 #include <QUdpSocket>
 
 #include <cerrno>
@@ -10,6 +11,10 @@
 #include <pty.h>
 #include <termios.h>
 #include <unistd.h>
+
+#ifdef COMMCTL_EMULATED_USB
+#include "EmulatedHid.h"
+#endif
 
 namespace {
 QString printable(const QByteArray &bytes)
@@ -68,6 +73,7 @@ SimulatedDevice::~SimulatedDevice()
 {
     delete m_serialNotifier;
     delete m_uhidNotifier;
+    delete m_emulatedNotifier;
     if (m_uhid >= 0) {
         uhid_event destroy{};
         destroy.type = UHID_DESTROY;
@@ -208,21 +214,81 @@ void SimulatedDevice::readUhid()
     if (n <= 0 || event.type != UHID_OUTPUT)
         return;
     const int size = qMin<int>(event.u.output.size, UHID_DATA_MAX);
-    const QByteArray bytes(reinterpret_cast<const char *>(event.u.output.data), size);
-    log(QStringLiteral("sim: usb received %1 bytes: %2").arg(size).arg(printable(bytes)));
-    m_usbStream.append(bytes);
+    usbOutput(QByteArray(reinterpret_cast<const char *>(event.u.output.data), size), [this](const QByteArray &report) {
+        uhid_event input{};
+        input.type = UHID_INPUT2;
+        input.u.input2.size = 64;
+        std::memcpy(input.u.input2.data, report.constData(), 64);
+        (void)::write(m_uhid, &input, sizeof input);
+    });
+}
+
+void SimulatedDevice::usbOutput(const QByteArray &report, const std::function<void(const QByteArray &)> &sendReport)
+{
+    log(QStringLiteral("sim: usb received %1 bytes: %2").arg(report.size()).arg(printable(report)));
+    m_usbStream.append(report);
     sim::HeaderBytes command;
     for (int i = 0; i < 1000 && m_usbStream.next(&command); ++i) {
-        answer(sim::Link::Usb, command, [this](const QByteArray &out) {
-            for (int offset = 0; offset < out.size(); offset += 64) {
-                uhid_event input{};
-                input.type = UHID_INPUT2;
-                const QByteArray chunk = out.mid(offset, 64).leftJustified(64, '\0');
-                input.u.input2.size = 64;
-                std::memcpy(input.u.input2.data, chunk.constData(), 64);
-                (void)::write(m_uhid, &input, sizeof input);
-            }
+        answer(sim::Link::Usb, command, [&sendReport](const QByteArray &out) {
+            for (int offset = 0; offset < out.size(); offset += 64)
+                sendReport(out.mid(offset, 64).leftJustified(64, '\0'));
         });
+    }
+}
+
+QString SimulatedDevice::emulatedUsbUnavailableReason()
+{
+#ifdef COMMCTL_EMULATED_USB
+    return emulatedhid::Testbed::unavailableReason();
+#else
+    return QStringLiteral("commctl was built without umockdev (Debian packages umockdev, libumockdev-dev)");
+#endif
+}
+
+bool SimulatedDevice::startEmulatedUsb(quint16 vid, quint16 pid, QString *error)
+{
+#ifdef COMMCTL_EMULATED_USB
+    const QString reason = emulatedhid::Testbed::unavailableReason();
+    if (!reason.isEmpty()) {
+        *error = QStringLiteral("cannot emulate a HID device: %1").arg(reason);
+        return false;
+    }
+    m_testbed = std::make_unique<emulatedhid::Testbed>();
+    m_emulated = std::make_unique<emulatedhid::Device>();
+    if (!m_testbed->plug(vid, pid, m_emulated.get(), error))
+        return false;
+    m_emulatedNotifier = new QSocketNotifier(m_emulated->master, QSocketNotifier::Read);
+    connect(m_emulatedNotifier, &QSocketNotifier::activated, this, &SimulatedDevice::readEmulatedUsb);
+    log(QStringLiteral("sim: HID device %1:%2 emulated by umockdev at %3")
+            .arg(vid, 4, 16, QChar('0'))
+            .arg(pid, 4, 16, QChar('0'))
+            .arg(m_emulated->node));
+    return true;
+#else
+    Q_UNUSED(vid);
+    Q_UNUSED(pid);
+    *error = QStringLiteral("cannot emulate a HID device: %1").arg(emulatedUsbUnavailableReason());
+    return false;
+#endif
+}
+
+void SimulatedDevice::readEmulatedUsb()
+{
+    char buffer[4096];
+    const ssize_t n = ::read(m_emulated->master, buffer, sizeof buffer);
+    if (n <= 0) {
+        // Nobody holds the node open: the terminal reports a hang-up until
+        // the library opens it again; wait for data meanwhile.
+        m_emulatedNotifier->setEnabled(false);
+        QTimer::singleShot(20, m_emulatedNotifier, [this] { m_emulatedNotifier->setEnabled(true); });
+        return;
+    }
+    // The node keeps no report boundaries: the library writes 65-byte reports.
+    m_emulatedOutput.append(buffer, int(n));
+    for (int i = 0; i < 1000 && m_emulatedOutput.size() >= 65; ++i) {
+        const QByteArray report = m_emulatedOutput.left(65);
+        m_emulatedOutput.remove(0, 65);
+        usbOutput(report, [this](const QByteArray &input) { writeAll(m_emulated->master, input); });
     }
 }
 

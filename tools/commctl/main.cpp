@@ -167,6 +167,10 @@ int runSim(const Options &options)
         break;
     case LinkOptions::Usb:
         started = device.startUsb(options.link.vid, options.link.pid, &error);
+        if (!started && !SimulatedDevice::usbUnavailableReason().isEmpty())
+            error += QStringLiteral("\ncommctl: without /dev/uhid, a HID device emulated by umockdev serves only the "
+                                    "process that makes it: `umockdev-wrapper commctl demo` (what scripts/demo.sh "
+                                    "runs there) plays it in the demo's USB leg");
         if (started)
             printOut(QStringLiteral("%1:%2").arg(hex4(options.link.vid), hex4(options.link.pid)));
         break;

@@ -1,0 +1,226 @@
+// The USB link on the real stack when the device goes away: the shipped
+// library, on the system's hidapi, writes a long frame or waits in a read when
+// the emulated device is pulled out; its node hangs up as a removed hidraw
+// node does, and the hot-plug watcher closes the link. Each test ends with the
+// device plugged back in and the link reopened, carrying a command and its
+// reply.
+//
+// Tiers: a write failing at a chosen report while the device stays, and the
+// exact calls made on a closing handle, are covered with the simulated hidapi
+// (tst_faults_usb, tst_portusb). A pseudo-terminal takes the reports of a long
+// write until its buffer is full: the removal below meets a write waiting for
+// room, so the frame's first reports are delivered and its last ones never
+// leave.
+#include <QtTest>
+
+#include <atomic>
+#include <thread>
+
+#include <sys/ioctl.h>
+
+#include "EmulatedUsb.h"
+#include "LogCapture.h"
+#include "PortUSB.h"
+#include "ProtocolData.h"
+#include "ReceiveQueue.h"
+#include "ReplyFrames.h"
+#include "UsbReports.h"
+#include "UsbSignalLog.h"
+
+using emulatedusb::kWaitMs;
+using emulatedusb::waitUntil;
+using replyframes::frame;
+using namespace usbreports;
+
+namespace {
+constexpr unsigned short kVid = 0x1209;
+constexpr unsigned short kPid = 0x0004;
+
+// Reply n: B1 and B3 carry the number, no block is announced.
+std::array<quint8, 7> numbered(int n)
+{
+    return {0x40, quint8(n >> 8), 0x00, quint8(n), 0x00, 0x00, 0x00};
+}
+
+std::vector<int> queuedNumbers()
+{
+    std::vector<int> numbers;
+    for (const ProtocolData &record : testqueue::records())
+        numbers.push_back(record.paramBytes[0] << 8 | record.paramBytes[2]);
+    return numbers;
+}
+
+// Bytes the host has written that the device has not read yet.
+int unreadOutput(int master)
+{
+    int count = 0;
+    return ::ioctl(master, FIONREAD, &count) == 0 ? count : -1;
+}
+} // namespace
+
+class TestRealHidFaults : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void cleanupTestCase();
+
+    void deviceVanishingDuringLongWriteEndsTheWriteAndClosesTheLink();
+    void deviceVanishingDuringReadDropsOnlyTheUnfinishedFrame();
+
+private:
+    // Pulls the device out; the watcher closes the link and reports it.
+    bool pullOut();
+    // Plugs it back in; the watcher reports it and the test reopens.
+    bool plugBackAndReopen();
+    // The link carries the next command and the device's reply.
+    void checkCarriesNextCommand();
+
+    std::unique_ptr<emulatedhid::Testbed> m_bed;
+    emulatedhid::Device m_device;
+    std::unique_ptr<PortUSB> m_port;
+    UsbSignalLog m_events;
+};
+
+void TestRealHidFaults::initTestCase()
+{
+    const QString why = emulatedhid::Testbed::unavailableReason();
+    if (!why.isEmpty())
+        QSKIP(qPrintable(why));
+    m_bed = std::make_unique<emulatedhid::Testbed>();
+    QVERIFY(emulatedusb::plug(*m_bed, kVid, kPid, &m_device));
+    m_port = std::make_unique<PortUSB>();
+    m_events.watch(*m_port);
+    QVERIFY(m_port->openUSB(kVid, kPid));
+}
+
+void TestRealHidFaults::init()
+{
+    testqueue::reset();
+    m_events.clear();
+    // The watcher knows the device as present.
+    QVERIFY(emulatedusb::watcherPolls(*m_bed, 2));
+}
+
+void TestRealHidFaults::cleanup()
+{
+    QVERIFY(m_port->isOpen());
+    QCOMPARE(m_port->runningWorkers(), 2);
+}
+
+void TestRealHidFaults::cleanupTestCase()
+{
+    m_port.reset();
+    m_bed.reset();
+    testqueue::reset();
+}
+
+bool TestRealHidFaults::pullOut()
+{
+    const int reported = m_events.size();
+    m_bed->unplug(&m_device);
+    return waitUntil([this, reported] { return m_events.size() > reported; }) &&
+           m_events.entries().mid(reported) == QStringList{QStringLiteral("false")};
+}
+
+bool TestRealHidFaults::plugBackAndReopen()
+{
+    const int reported = m_events.size();
+    if (!emulatedusb::plug(*m_bed, kVid, kPid, &m_device))
+        return false;
+    if (!waitUntil([this, reported] { return m_events.size() > reported; }) ||
+        m_events.entries().mid(reported) != QStringList{QStringLiteral("true")})
+        return false;
+    // The watcher does not reopen: the application does, on that signal.
+    return !m_port->isOpen() && m_port->openUSB(kVid, kPid);
+}
+
+void TestRealHidFaults::checkCarriesNextCommand()
+{
+    const size_t queued = testqueue::length();
+    ProtocolData command = commandOfFrameSize(19);
+    m_port->sendDatatoDevice(&command);
+    QCOMPARE(emulatedhid::readOutputReport(m_device.master, kWaitMs),
+             commandReports(m_port->produceCmds(command)).front());
+    QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(frame(numbered(0x7FFF)))));
+    QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), queued + 1, kWaitMs);
+    QCOMPARE(queuedNumbers().back(), 0x7FFF);
+}
+
+void TestRealHidFaults::deviceVanishingDuringLongWriteEndsTheWriteAndClosesTheLink()
+{
+    LogCapture log;
+    // Far more reports than the node's buffer holds.
+    const ProtocolData record = commandOfFrameSize(2000 * kReportPayload);
+    const QByteArray frameBytes = m_port->produceCmds(record);
+    const std::vector<QByteArray> reports = commandReports(frameBytes);
+    std::atomic<bool> sent{false};
+    std::thread sender([this, &record, &sent] {
+        ProtocolData copy = record;
+        m_port->sendDatatoDevice(&copy);
+        sent = true;
+    });
+    // The device takes the first five reports, then no more.
+    std::vector<QByteArray> delivered;
+    for (int i = 0; i < 5; ++i)
+        delivered.push_back(emulatedhid::readOutputReport(m_device.master, kWaitMs));
+    // Once the node's buffer stops filling, the write waits for room.
+    int unread = -1;
+    const bool full = waitUntil([this, &unread] {
+        const int now = unreadOutput(m_device.master);
+        const bool still = now > 0 && now == unread;
+        unread = now;
+        return still;
+    });
+    const bool waiting = !sent;
+    QVERIFY(pullOut());
+    const bool ended = waitUntil([&sent] { return sent.load(); });
+    sender.join();
+    QVERIFY(full);
+    QVERIFY(waiting);
+    QVERIFY(ended);
+
+    QCOMPARE(delivered, std::vector<QByteArray>(reports.begin(), reports.begin() + 5));
+    // The write that met the removal failed and was logged once; nothing
+    // followed it.
+    QCOMPARE(log.lines(), (QStringList{QStringLiteral("Send failed"),
+                                       QStringLiteral("Send usb data:") + QString::fromLatin1(frameBytes.left(19))}));
+    // The watcher closed the link: no device, no workers, nothing queued.
+    QVERIFY(!m_port->isOpen());
+    QTRY_COMPARE_WITH_TIMEOUT(m_port->runningWorkers(), 0, kWaitMs);
+    QCOMPARE(testqueue::length(), size_t(0));
+
+    QVERIFY(plugBackAndReopen());
+    checkCarriesNextCommand();
+    QCOMPARE(queuedNumbers(), std::vector<int>{0x7FFF});
+}
+
+void TestRealHidFaults::deviceVanishingDuringReadDropsOnlyTheUnfinishedFrame()
+{
+    QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(frame(numbered(1)))));
+    QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
+    // The first ten bytes of the next reply; the reader then waits in its
+    // next read when the device goes.
+    const QByteArray second = frame(numbered(2));
+    QVERIFY(emulatedhid::writeInput(m_device.master, second.left(10)));
+    QTRY_COMPARE_WITH_TIMEOUT(m_port->buffData(), second.left(10), kWaitMs);
+    QVERIFY(pullOut());
+    QVERIFY(!m_port->isOpen());
+    QCOMPARE(m_port->buffData(), QByteArray());
+    QTRY_COMPARE_WITH_TIMEOUT(m_port->runningWorkers(), 0, kWaitMs);
+
+    // Back again: the rest of the cut reply is garbage, the next one a reply.
+    QVERIFY(plugBackAndReopen());
+    QVERIFY(emulatedhid::writeInput(m_device.master, second.mid(10) + inputReport(frame(numbered(3)))));
+    QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);
+    // Every byte has been through the reassembly; nothing else came of it.
+    QTRY_VERIFY_WITH_TIMEOUT(m_port->buffData().size() < 19, kWaitMs);
+    QCOMPARE(queuedNumbers(), (std::vector<int>{1, 3}));
+    checkCarriesNextCommand();
+}
+
+QTEST_GUILESS_MAIN(TestRealHidFaults)
+#include "tst_realhid_faults.moc"
