@@ -75,7 +75,10 @@ PortUDP::~PortUDP()
 
 void PortUDP::initUdp()
 {
-    m_io->run([this] { createSocket(); });
+    m_io->run([this] {
+        std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        createSocket();
+    });
 }
 
 void PortUDP::createSocket()
@@ -94,7 +97,6 @@ void PortUDP::createSocket()
     // rebuilds one emission queues n + 1 rebuilds, each on the I/O thread's
     // next pass.
     connect(this, &PortUDP::signalReInitUdp, m_io->context(), [this] { reInitUdp(); }, Qt::QueuedConnection);
-    std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
     m_udpSocket = socket;
     m_boundDescriptor = -1;
 }
@@ -128,10 +130,10 @@ void PortUDP::rebuildSocket(Rebuild kind)
     // Closed and made again on the I/O thread, where its replies are read,
     // whichever thread asked for the rebuild.
     m_io->run([this, kind] {
-        {
-            std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
-            tearDownSocket(kind);
-        }
+        // One step for the threads that send: they find the old socket or
+        // the new one, never none.
+        std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        tearDownSocket(kind);
         createSocket();
     });
 }

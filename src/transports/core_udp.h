@@ -136,6 +136,8 @@ private:
     // Called with the socket guard held exclusively.
     void tearDownSocket(Rebuild kind);
     void rebuildSocket(Rebuild kind);
+    // Makes the socket and its connections; called with the socket guard
+    // held exclusively, on the I/O thread.
     void createSocket();
     void readPendingHere();
     // Logs a send's outcome and asks for a rebuild where it calls for one.
