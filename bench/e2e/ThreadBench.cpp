@@ -4,6 +4,7 @@
 // calling thread either way; serial writes are carried to the transport's
 // I/O thread either way.
 #include <algorithm>
+#include <chrono>
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -26,8 +27,10 @@ class SerialSink
 public:
     explicit SerialSink(PseudoTerminal &pty)
         : m_reader([this, &pty] {
-            // Bounded by the section: it stops the reader when it is done.
-            while (!m_stop)
+            // Stopped by the section when it is done, and by a deadline far
+            // beyond any section's length.
+            const Clock::time_point deadline = Clock::now() + std::chrono::minutes(10);
+            while (!m_stop && Clock::now() < deadline)
                 pty.deviceReceives(4096, 20);
         })
     {
