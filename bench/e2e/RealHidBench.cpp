@@ -22,9 +22,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kUsbCycleMs = 20;
-constexpr int kUsbReadWaitMs = 100;
-constexpr int kHotPlugPollMs = 100;
 // pid.codes' test vendor, as the tests on the real stack use.
 constexpr unsigned short kVid = 0x1209;
 constexpr unsigned short kPid = 0x0001;
@@ -72,22 +69,6 @@ void usbIdleReal(const Options &options, Figures &figures)
     const std::unique_ptr<emulatedhid::Testbed> bed = plugDevice(what, figures, &device);
     if (!bed)
         return;
-    const std::chrono::milliseconds window(options.count(1500, 100));
-    const std::chrono::milliseconds settle(options.count(200, 50));
-    // The open and close pauses lie outside the windows.
-    UsbPausesSkipped pausesSkipped(options.smoke);
-    PortUSB port;
-    // The hot-plug watcher, started by the first transport, polls from the
-    // first open on and never stops: it runs through the bare windows as well
-    // and is left out of them by its own processor clock.
-    if (!port.openUSB(kVid, kPid))
-        throw SectionError("the emulated HID device does not open");
-    port.closeUSB();
-    std::this_thread::sleep_for(settle);
-    const pid_t watcher = threadNamed("PortUSB-hotplug");
-    if (watcher == 0)
-        throw SectionError("no hot-plug watcher thread");
-
     // The device calls the transport makes, made by bare loops on the same
     // stack: a read of up to 1024 bytes that waits up to 100 ms after each
     // 20 ms pause, an enumeration by VID:PID every 100 ms.
@@ -99,27 +80,7 @@ void usbIdleReal(const Options &options, Figures &figures)
         hid_read_timeout(handle, buffer, sizeof buffer, kUsbReadWaitMs);
     };
     const auto enumerate = [] { hid_free_enumeration(hid_enumerate(kVid, kPid)); };
-
-    std::vector<double> library, bare, bareWithCalls;
-    for (int round = 0; round < options.count(8, 1); ++round) {
-        if (!port.openUSB(kVid, kPid))
-            throw SectionError("the emulated HID device does not open");
-        std::this_thread::sleep_for(settle);
-        library.push_back(idleShare(window, {}));
-        port.closeUSB();
-        {
-            BareLoops loops({{kUsbCycleMs, 0}, {kUsbCycleMs, 0, read}, {kHotPlugPollMs, 0, enumerate}});
-            std::this_thread::sleep_for(settle);
-            bareWithCalls.push_back(idleShare(window, {watcher}));
-        }
-        {
-            // Reassembly, reader (its pause, then a read that waits in vain),
-            // hot-plug watcher, without device calls.
-            BareLoops loops({{kUsbCycleMs, 0}, {kUsbCycleMs, kUsbReadWaitMs}, {kHotPlugPollMs, 0}});
-            std::this_thread::sleep_for(settle);
-            bare.push_back(idleShare(window, {watcher}));
-        }
-    }
+    const UsbIdleShares shares = measureUsbIdle(options, kVid, kPid, "emulated", read, enumerate);
 
     // What the two device calls cost on their own, on this thread.
     const int calls = options.count(50, 3);
@@ -133,9 +94,9 @@ void usbIdleReal(const Options &options, Figures &figures)
         calls, rounds);
     hid_close(handle);
 
-    const double value = median(library);
-    const double base = median(bare);
-    const double withCalls = median(bareWithCalls);
+    const double value = shares.library;
+    const double base = shares.bare;
+    const double withCalls = shares.bareWithCalls;
     figures.add({what + QStringLiteral(", against bare loops making the same device calls"), share(value),
                  share(withCalls)
                      + QStringLiteral(" (bare 20 ms loop; 20 ms loop reading up to 100 ms; 100 ms loop enumerating)"),

@@ -28,9 +28,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int kSerialTurnMs = 3;
-constexpr int kUsbCycleMs = 20;
-constexpr int kUsbReadWaitMs = 100;
-constexpr int kHotPlugPollMs = 100;
 constexpr unsigned short kVid = 0x0483;
 constexpr unsigned short kPid = 0x5750;
 
@@ -114,22 +111,6 @@ void serialIdle(const Options &options, Figures &figures)
 void usbIdle(const Options &options, Figures &figures)
 {
     simhid::reset(kVid, kPid);
-    const std::chrono::milliseconds window(options.count(1500, 100));
-    const std::chrono::milliseconds settle(options.count(200, 50));
-    // The open and close pauses lie outside the windows.
-    UsbPausesSkipped pausesSkipped(options.smoke);
-    PortUSB port;
-    // The hot-plug watcher, started by the first transport, polls from the
-    // first open on and never stops: it runs through the bare windows as well
-    // and is left out of them by its own processor clock.
-    if (!port.openUSB(kVid, kPid))
-        throw SectionError("the simulated HID device does not open");
-    port.closeUSB();
-    std::this_thread::sleep_for(settle);
-    const pid_t watcher = threadNamed("PortUSB-hotplug");
-    if (watcher == 0)
-        throw SectionError("no hot-plug watcher thread");
-
     // The device calls the transport's design makes in every cycle, made by
     // bare loops: a read of up to 1024 bytes that waits up to 100 ms after
     // each 20 ms pause, an enumeration every 100 ms.
@@ -141,37 +122,15 @@ void usbIdle(const Options &options, Figures &figures)
         hid_read_timeout(handle, buffer, sizeof buffer, kUsbReadWaitMs);
     };
     const auto enumerate = [] { hid_free_enumeration(hid_enumerate(kVid, kPid)); };
-
-    std::vector<double> library, bare, bareWithCalls;
-    for (int round = 0; round < options.count(8, 1); ++round) {
-        if (!port.openUSB(kVid, kPid))
-            throw SectionError("the simulated HID device does not open");
-        std::this_thread::sleep_for(settle);
-        library.push_back(idleShare(window, {}));
-        port.closeUSB();
-        {
-            // Reassembly, reader (its pause, then a read that waits in vain),
-            // hot-plug watcher.
-            BareLoops loops({{kUsbCycleMs, 0}, {kUsbCycleMs, kUsbReadWaitMs}, {kHotPlugPollMs, 0}});
-            std::this_thread::sleep_for(settle);
-            bare.push_back(idleShare(window, {watcher}));
-        }
-        {
-            BareLoops loops({{kUsbCycleMs, 0}, {kUsbCycleMs, 0, read}, {kHotPlugPollMs, 0, enumerate}});
-            std::this_thread::sleep_for(settle);
-            bareWithCalls.push_back(idleShare(window, {watcher}));
-        }
-    }
+    const UsbIdleShares shares = measureUsbIdle(options, kVid, kPid, "simulated", read, enumerate);
     hid_close(handle);
-    const double value = median(library);
-    const double base = median(bare);
-    const double withCalls = median(bareWithCalls);
+
     const QString what = QStringLiteral("idle: USB transport open, no traffic (reader, reassembly, watcher)");
-    figures.add({what, share(value), share(base) + QStringLiteral(" (bare 20 ms, 20 + 100 ms and 100 ms loops)"),
-                 value / base, QStringLiteral("<= 1.2x"), value <= 1.2 * base});
-    figures.add({what + QStringLiteral(", against the same loops making the device calls"), share(value),
-                 share(withCalls) + QStringLiteral(" (the bare loops, reading and enumerating the simulated device)"),
-                 value / withCalls, QStringLiteral("report"), std::nullopt});
+    figures.add({what, share(shares.library), share(shares.bare) + QStringLiteral(" (bare 20 ms, 20 + 100 ms and 100 ms loops)"),
+                 shares.library / shares.bare, QStringLiteral("<= 1.2x"), shares.library <= 1.2 * shares.bare});
+    figures.add({what + QStringLiteral(", against the same loops making the device calls"), share(shares.library),
+                 share(shares.bareWithCalls) + QStringLiteral(" (the bare loops, reading and enumerating the simulated device)"),
+                 shares.library / shares.bareWithCalls, QStringLiteral("report"), std::nullopt});
 }
 
 } // namespace e2e

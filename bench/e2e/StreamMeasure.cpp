@@ -1,9 +1,11 @@
 #include "StreamMeasure.h"
 
 #include <set>
+#include <string>
 
 #include <QCoreApplication>
 
+#include "PortUSB.h"
 #include "ReceiveQueue.h"
 #include "ReplyFrames.h"
 #include "Sections.h"
@@ -166,6 +168,50 @@ Figure measureDrain(const QString &link, int frames, int turnMs, int rounds,
             QStringLiteral("%1 ms, %2").arg(number(drain, 0), allOnce ? QStringLiteral("each delivered once")
                                                                     : QStringLiteral("NOT each delivered once")),
             baseline, ratio, target, allOnce && ratio <= 1.05};
+}
+
+UsbIdleShares measureUsbIdle(const Options &options, unsigned short vid, unsigned short pid, const char *deviceText,
+                             const std::function<void()> &read, const std::function<void()> &enumerate)
+{
+    const std::string doesNotOpen = std::string("the ") + deviceText + " HID device does not open";
+    const std::chrono::milliseconds window(options.count(1500, 100));
+    const std::chrono::milliseconds settle(options.count(200, 50));
+    // The open and close pauses lie outside the windows.
+    UsbPausesSkipped pausesSkipped(options.smoke);
+    PortUSB port;
+    // The hot-plug watcher, started by the first transport, polls from the
+    // first open on and never stops: it runs through the bare windows as well
+    // and is left out of them by its own processor clock.
+    if (!port.openUSB(vid, pid))
+        throw SectionError(doesNotOpen);
+    port.closeUSB();
+    std::this_thread::sleep_for(settle);
+    const pid_t watcher = threadNamed("PortUSB-hotplug");
+    if (watcher == 0)
+        throw SectionError("no hot-plug watcher thread");
+
+    std::vector<double> library, bare, bareWithCalls;
+    for (int round = 0; round < options.count(8, 1); ++round) {
+        if (!port.openUSB(vid, pid))
+            throw SectionError(doesNotOpen);
+        std::this_thread::sleep_for(settle);
+        library.push_back(idleShare(window, {}));
+        port.closeUSB();
+        {
+            // Reassembly, reader (its pause, then a read that waits in vain),
+            // hot-plug watcher, without device calls.
+            BareLoops loops({{kUsbCycleMs, 0}, {kUsbCycleMs, kUsbReadWaitMs}, {kHotPlugPollMs, 0}});
+            std::this_thread::sleep_for(settle);
+            bare.push_back(idleShare(window, {watcher}));
+        }
+        {
+            // The same, making the device calls the transport makes.
+            BareLoops loops({{kUsbCycleMs, 0}, {kUsbCycleMs, 0, read}, {kHotPlugPollMs, 0, enumerate}});
+            std::this_thread::sleep_for(settle);
+            bareWithCalls.push_back(idleShare(window, {watcher}));
+        }
+    }
+    return {median(library), median(bare), median(bareWithCalls)};
 }
 
 } // namespace e2e

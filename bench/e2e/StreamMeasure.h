@@ -20,6 +20,26 @@
 
 namespace e2e {
 
+// The USB transport's pacing: reader and reassembly cycles, the reader's
+// wait for a report, the hot-plug watcher's poll.
+constexpr int kUsbCycleMs = 20;
+constexpr int kUsbReadWaitMs = 100;
+constexpr int kHotPlugPollMs = 100;
+
+// Medians of processor shares (percent of one processor).
+struct UsbIdleShares {
+    double library;       // an open USB transport without traffic
+    double bare;          // bare loops of its workers' pacing
+    double bareWithCalls; // the same loops making the device calls
+};
+
+// Rounds of windows in turn: a USB transport open on vid:pid with no traffic,
+// bare loops of its workers' pacing, and the same loops making the device
+// calls read and enumerate. The hot-plug watcher's own clock is left out of
+// the bare windows. deviceText names the device in errors.
+UsbIdleShares measureUsbIdle(const Options &options, unsigned short vid, unsigned short pid, const char *deviceText,
+                             const std::function<void()> &read, const std::function<void()> &enumerate);
+
 // A reply frame carrying a sequence number (B1 low byte, B3 high byte) and no
 // block announcement.
 QByteArray sequencedFrame(int seq);
