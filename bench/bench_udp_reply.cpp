@@ -13,7 +13,7 @@
 
 #include "CmdDealModule.h"
 #include "DatagramReplyParser.h"
-#include "ReplyHandOff.h"
+#include "ReceiveQueueSink.h"
 
 namespace {
 const char kQueueReply[] = "[R0100000000000001]";
@@ -26,12 +26,12 @@ struct LogOff {
 } logOff;
 
 // Counts what the parser decides, without starting threads.
-class CountingActions : public comm::ReplyActions
+class CountingSink : public comm::ReplySink
 {
 public:
-    void queueReply(const ProtocolData &) override { ++count; }
-    void deliverReplyNow(const ProtocolData &) override { ++count; }
-    void combineBlock(const QByteArray &, const QByteArray &) override { ++count; }
+    void deliverDetached(const ProtocolData &) override { ++count; }
+    void deliverNow(const ProtocolData &) override { ++count; }
+    void deliverCombinedDetached(const QByteArray &, const QByteArray &, Combine) override { ++count; }
     long count = 0;
 };
 
@@ -42,8 +42,8 @@ struct Parser {
     std::mutex lock;
     comm::DatagramReplyParser parser;
 
-    explicit Parser(comm::ReplyActions &actions)
-        : parser({lastDatagram, pendingStdReply, blockBuffer, lock}, actions)
+    explicit Parser(comm::ReplySink &sink)
+        : parser({lastDatagram, pendingStdReply, blockBuffer, lock}, sink)
     {
     }
     void take(const QByteArray &datagram)
@@ -61,7 +61,7 @@ void BM_Baseline_Copy19(benchmark::State &state)
 }
 BENCHMARK(BM_Baseline_Copy19);
 
-// One datagram through the parser with counted actions.
+// One datagram through the parser with its decisions counted.
 void parseDispatch(benchmark::State &state, const char *bytes, bool awaitingBlockData)
 {
     if (!awaitingBlockData && comm::replyAction(comm::parseReplyDatagram(QByteArray(bytes, 19))) ==
@@ -69,8 +69,8 @@ void parseDispatch(benchmark::State &state, const char *bytes, bool awaitingBloc
         state.SkipWithError("sample datagram is not the reply it should be");
         return;
     }
-    CountingActions actions;
-    Parser parser(actions);
+    CountingSink sink;
+    Parser parser(sink);
     for (auto _ : state) {
         if (awaitingBlockData && parser.pendingStdReply.isEmpty())
             parser.pendingStdReply = QByteArray(kHoldReply, 19);
@@ -78,7 +78,7 @@ void parseDispatch(benchmark::State &state, const char *bytes, bool awaitingBloc
             parser.blockBuffer.clear();
         parser.take(QByteArray(bytes, 19));
     }
-    benchmark::DoNotOptimize(actions.count);
+    benchmark::DoNotOptimize(sink.count);
 }
 
 void BM_ParseDispatch_Queue(benchmark::State &state)
@@ -105,13 +105,12 @@ void BM_ParseDispatch_Rejected(benchmark::State &state)
 }
 BENCHMARK(BM_ParseDispatch_Rejected);
 
-// The real inline hand-off: append under the command module's locks.
+// The real inline delivery: append under the command module's locks.
 void BM_ParseDispatch_DeliverAtOnce(benchmark::State &state)
 {
     std::atomic<bool> dealFlag{true};
-    comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::DealFlag);
-    comm::HandOffReplyActions actions(handOff);
-    Parser parser(actions);
+    comm::ReceiveQueueSink sink(&dealFlag);
+    Parser parser(sink);
     for (auto _ : state) {
         parser.take(QByteArray(kDeliverReply, 19));
         if (CmdDealModule::receivequeueHexCmd.size() >= 1024) {
@@ -129,16 +128,15 @@ BENCHMARK(BM_ParseDispatch_DeliverAtOnce);
 void BM_ParseDispatch_QueueWithThread(benchmark::State &state)
 {
     std::atomic<bool> dealFlag{false};
-    comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::DealFlag);
-    comm::HandOffReplyActions actions(handOff);
-    Parser parser(actions);
+    comm::ReceiveQueueSink sink(&dealFlag);
+    Parser parser(sink);
     long taken = 0;
     for (auto _ : state) {
         parser.take(QByteArray(kQueueReply, 19));
         if (++taken % 64 == 0)
-            handOff.waitForDetachedWork();
+            sink.waitForDetachedWork();
     }
-    handOff.waitForDetachedWork();
+    sink.waitForDetachedWork();
 }
 BENCHMARK(BM_ParseDispatch_QueueWithThread);
 } // namespace

@@ -48,7 +48,8 @@
 
 #include "CmdDealModule.h"
 #include "CommandFrame.h"
-#include "ReplyHandOff.h"
+#include "ReceiveQueueSink.h"
+#include "ReplySink.h"
 #include "StreamReassembler.h"
 
 namespace {
@@ -191,18 +192,32 @@ Scenario framesScenario(FuzzedDataProvider &input)
     return scenario;
 }
 
+// Queues every record on the fuzzing thread, at once, so that each turn's
+// records are in the queue when the turn returns.
+class QueueAtOnceSink : public comm::ReplySink
+{
+public:
+    void deliverDetached(const ProtocolData &record) override { m_queue.deliverNow(record); }
+    void deliverNow(const ProtocolData &record) override { m_queue.deliverNow(record); }
+    void deliverCombinedDetached(const QByteArray &blockData, const QByteArray &heldReply, Combine combine) override
+    {
+        m_queue.deliverOrWake(combine(blockData, heldReply));
+    }
+
+private:
+    comm::ReceiveQueueSink m_queue{nullptr};
+};
+
 // One reassembler and what it has been fed so far.
 class Rig
 {
 public:
     explicit Rig(const Scenario &scenario)
         : m_scenario(scenario)
-        , m_handOff(m_dealFlag, comm::ReplyHandOff::Gate::Always, comm::DetachedWork::Launch::Inline)
-        , m_reassembler(linkConfig(), m_handOff, [this](int) { feedNextPiece(); })
+        , m_reassembler(linkConfig(), m_sink, [this](int) { feedNextPiece(); })
     {
         m_reassembler.setDeviceType(kDeviceType);
     }
-    ~Rig() { m_handOff.waitForDetachedWork(); }
 
     bool piecesLeft() const { return m_nextPiece < m_scenario.pieces.size(); }
     int buffered() const { return m_fed - m_consumed; }
@@ -213,9 +228,8 @@ public:
         const int before = buffered();
         const int consumedBefore = m_consumed;
         m_reassembler.dealTurn();
-        m_handOff.waitForDetachedWork();
 
-        const QByteArray buffer = m_reassembler.buffData();
+        const QByteArray buffer = m_reassembler.contents();
         check(buffer.size() <= m_fed - consumedBefore, "the buffer holds more than was fed");
         m_consumed = m_fed - buffer.size();
         check(buffer == m_scenario.stream.mid(m_consumed, buffer.size()),
@@ -230,13 +244,12 @@ private:
         if (!piecesLeft())
             return;
         const int piece = m_scenario.pieces[m_nextPiece++];
-        m_reassembler.appendBuffData(m_scenario.stream.mid(m_fed, piece));
+        m_reassembler.append(m_scenario.stream.mid(m_fed, piece));
         m_fed += piece;
     }
 
     const Scenario &m_scenario;
-    std::atomic<bool> m_dealFlag{true};
-    comm::ReplyHandOff m_handOff;
+    QueueAtOnceSink m_sink;
     comm::StreamReassembler m_reassembler;
     size_t m_nextPiece = 0;
     int m_fed = 0;

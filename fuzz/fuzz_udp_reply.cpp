@@ -47,7 +47,7 @@
 #include "CommandFrame.h"
 #include "DatagramReplyParser.h"
 #include "HexPairs.h"
-#include "ReplyHandOff.h"
+#include "ReceiveQueueSink.h"
 
 namespace {
 const auto kDeviceType = static_cast<ModulelEnum::DeviceType>(0x0BADCAFE);
@@ -154,23 +154,24 @@ void checkChecksum(const ProtocolData &record)
 }
 
 // Checks each decision of the parser and delivers it inline through the
-// shipped hand-off, remembering what it delivered.
-class CheckingActions : public comm::ReplyActions
+// shipped sink, remembering what it delivered.
+class CheckingSink : public comm::ReplySink
 {
 public:
-    explicit CheckingActions(const comm::ReplyHandOff &handOff)
-        : m_handOff(handOff)
+    explicit CheckingSink(comm::ReceiveQueueSink &sink)
+        : m_sink(sink)
     {
     }
 
-    void queueReply(const ProtocolData &record) override { deliverAlone(record); }
-    void deliverReplyNow(const ProtocolData &record) override { deliverAlone(record); }
+    void deliverDetached(const ProtocolData &record) override { deliverAlone(record); }
+    void deliverNow(const ProtocolData &record) override { deliverAlone(record); }
 
-    void combineBlock(const QByteArray &blockData, const QByteArray &heldReply) override
+    void deliverCombinedDetached(const QByteArray &blockData, const QByteArray &heldReply, Combine combine) override
     {
         ++calls;
         check(blockData.size() >= announced(heldReply), "combined before the announced length was in");
-        if (const std::optional<ProtocolData> record = comm::combineReplyWithBlock(blockData, heldReply)) {
+        const std::optional<ProtocolData> record = combine(blockData, heldReply);
+        if (record) {
             checkChecksum(*record);
             check(blockData.startsWith(record->payload), "payload is not the head of the block data");
             check(record->payload.size() == payloadLength(record->paramBytes[1], record->paramBytes[2],
@@ -178,7 +179,7 @@ public:
                   "payload of another length than its reply asks for");
             delivered.push_back(*record);
         }
-        comm::combineAndDeliver(blockData, heldReply, m_handOff);
+        m_sink.deliverOrWake(record);
     }
 
     int calls = 0;
@@ -192,10 +193,10 @@ private:
         checkChecksum(record);
         aloneInThisCall.push_back(record);
         delivered.push_back(record);
-        m_handOff.deliver(record);
+        m_sink.deliverNow(record);
     }
 
-    const comm::ReplyHandOff &m_handOff;
+    comm::ReceiveQueueSink &m_sink;
 };
 
 std::vector<ProtocolData> queued()
@@ -230,8 +231,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     QByteArray blockBuffer;
     std::mutex lock;
     std::atomic<bool> dealFlag{true};
-    comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::DealFlag);
-    CheckingActions actions(handOff);
+    comm::ReceiveQueueSink queueSink(&dealFlag);
+    CheckingSink actions(queueSink);
     comm::DatagramReplyParser parser({lastDatagram, pendingStdReply, blockBuffer, lock}, actions);
 
     size_t at = 0;

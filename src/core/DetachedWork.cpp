@@ -5,11 +5,6 @@
 
 namespace comm {
 
-DetachedWork::DetachedWork(Launch launch)
-    : m_launch(launch)
-{
-}
-
 DetachedWork::~DetachedWork()
 {
     waitUntilIdle();
@@ -19,9 +14,9 @@ void DetachedWork::start(std::function<void()> job)
 {
     // Shared so that the job survives a failed thread start and can then run here.
     auto work = std::make_shared<std::function<void()>>(std::move(job));
-    if (m_launch == Launch::Inline || !startThread(work)) {
-        // Inline by choice, or no thread could be started (resource
-        // exhaustion): run the job on the calling thread rather than lose it.
+    if (!startThread(work)) {
+        // No thread could be started (resource exhaustion): run the job on
+        // the calling thread rather than lose it.
         (*work)();
     }
 }

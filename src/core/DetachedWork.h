@@ -12,14 +12,7 @@ namespace comm {
 class DetachedWork
 {
 public:
-    enum class Launch {
-        Threads, // every job on a new detached thread
-        Inline,  // start()'s jobs on the calling thread, before it returns
-                 // (tryStart() still starts a thread): for harnesses that
-                 // drive a transport's logic on one thread
-    };
-
-    explicit DetachedWork(Launch launch = Launch::Threads);
+    DetachedWork() = default;
     // Waits for every job still running.
     ~DetachedWork();
     DetachedWork(const DetachedWork &) = delete;
@@ -46,7 +39,6 @@ private:
     void runJob(SharedJob job);
     void finished();
 
-    const Launch m_launch;
     mutable std::mutex m_lock;
     std::condition_variable m_idle;
     int m_running = 0;

@@ -2,10 +2,8 @@
 
 #include <algorithm>
 
-#include "CommandFrame.h"
 #include "DebugLog.h"
 #include "HexPairs.h"
-#include "ReplyHandOff.h"
 
 namespace comm {
 
@@ -72,13 +70,9 @@ ProtocolData parseReplyDatagram(const QByteArray &datagram)
         debugLine(QStringLiteral("no '[' 'R' "));
         return record;
     }
-    int values[kReplyPairs];
-    readHexPairs(datagram.constData() + 2, values);
-    record.commandByte = static_cast<quint8>(values[0]);
-    for (int i = 0; i < 6; ++i)
-        record.paramBytes[i] = static_cast<quint8>(values[1 + i]);
-    record.checksumByte = commandChecksum(record);
-    if (static_cast<quint8>(values[7]) != record.checksumByte) {
+    // The sent check byte counts by its low 8 bits here.
+    const int sentCheck = decodeReplyDigits(datagram.constData() + 2, record);
+    if (static_cast<quint8>(sentCheck) != record.checksumByte) {
         zeroReplyFields(record);
         debugLine(QStringLiteral("CHKSUM Wrong return"));
     }
@@ -140,46 +134,9 @@ std::optional<ProtocolData> combineReplyWithBlock(const QByteArray &blockData, c
     return record;
 }
 
-void combineAndDeliver(const QByteArray &blockData, const QByteArray &heldReply, const ReplyHandOff &handOff)
-{
-    if (const std::optional<ProtocolData> record = combineReplyWithBlock(blockData, heldReply))
-        handOff.deliver(*record);
-    else
-        setRetFlagStatus(true);
-}
-
-ReplyActions::~ReplyActions() = default;
-
-HandOffReplyActions::HandOffReplyActions(ReplyHandOff &handOff)
-    : m_handOff(handOff)
-{
-}
-
-void HandOffReplyActions::queueReply(const ProtocolData &record)
-{
-    m_handOff.deliverDetached(record);
-}
-
-void HandOffReplyActions::deliverReplyNow(const ProtocolData &record)
-{
-    m_handOff.deliver(record);
-}
-
-void HandOffReplyActions::combineBlock(const QByteArray &blockData, const QByteArray &heldReply)
-{
-    // The worker gets bytes of its own, shared with no buffer the reading
-    // thread goes on clearing and refilling: otherwise the last release of
-    // shared bytes could happen inside Qt on the reading thread, out of sight
-    // of ThreadSanitizer, after the worker had let them go.
-    const QByteArray block(blockData.constData(), blockData.size());
-    const QByteArray held(heldReply.constData(), heldReply.size());
-    const ReplyHandOff &handOff = m_handOff;
-    m_handOff.runDetached([&handOff, block, held] { combineAndDeliver(block, held, handOff); });
-}
-
-DatagramReplyParser::DatagramReplyParser(HeldReplyBuffers buffers, ReplyActions &actions)
+DatagramReplyParser::DatagramReplyParser(HeldReplyBuffers buffers, ReplySink &sink)
     : m_buffers(buffers)
-    , m_actions(actions)
+    , m_sink(sink)
 {
 }
 
@@ -201,10 +158,10 @@ void DatagramReplyParser::takeDatagram(const QByteArray &datagram, const QString
 
     switch (replyAction(record)) {
     case ReplyAction::Queue:
-        m_actions.queueReply(record);
+        m_sink.deliverDetached(record);
         break;
     case ReplyAction::DeliverAtOnce:
-        m_actions.deliverReplyNow(record);
+        m_sink.deliverNow(record);
         break;
     case ReplyAction::Hold:
         hold(datagram);
@@ -241,7 +198,7 @@ void DatagramReplyParser::takeBlockData(const QByteArray &datagram)
             return; // wait for further block datagrams
         blockData = m_buffers.blockBuffer;
     }
-    m_actions.combineBlock(blockData, heldReply);
+    m_sink.deliverCombinedDetached(blockData, heldReply, &combineReplyWithBlock);
     std::lock_guard<std::mutex> guard(m_buffers.lock);
     m_buffers.pendingStdReply.clear();
     m_buffers.blockBuffer.clear();

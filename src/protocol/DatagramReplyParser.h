@@ -9,9 +9,9 @@
 #include "ModulelEnum.h"
 #include "ProtocolData.h"
 
-namespace comm {
+#include "ReplySink.h"
 
-class ReplyHandOff;
+namespace comm {
 
 // A reply datagram: "[" "R", command byte, six parameter bytes and check byte
 // as 16 hex digits, and one byte that is never examined.
@@ -36,8 +36,8 @@ ProtocolData parseReplyDatagram(const QByteArray &datagram);
 
 // What becomes of a parsed datagram, decided by its parameter bytes.
 enum class ReplyAction {
-    Queue,         // hand the record over from a detached thread
-    DeliverAtOnce, // hand the record over before the next datagram is read
+    Queue,         // the sink hands the record over from a detached thread
+    DeliverAtOnce, // the sink hands the record over before the next datagram is read
     Hold,          // keep the datagram until its announced block data is in
     BlockData,     // the datagram is block data for the held reply
 };
@@ -56,36 +56,6 @@ ReplyAction replyAction(const ProtocolData &reply);
 // The record keeps the sender text and device type of a fresh record.
 std::optional<ProtocolData> combineReplyWithBlock(const QByteArray &blockData, const QByteArray &heldReply);
 
-// combineReplyWithBlock, then hands the record over through handOff (which
-// drops it while the deal flag is false) or, when there is none, raises the
-// reply-arrived flag so that the waiting side finds no reply.
-void combineAndDeliver(const QByteArray &blockData, const QByteArray &heldReply, const ReplyHandOff &handOff);
-
-// Where the parser's decisions go.
-class ReplyActions
-{
-public:
-    virtual ~ReplyActions();
-    virtual void queueReply(const ProtocolData &record) = 0;
-    virtual void deliverReplyNow(const ProtocolData &record) = 0;
-    // Combine blockData with heldReply (combineAndDeliver), away from the reading thread.
-    virtual void combineBlock(const QByteArray &blockData, const QByteArray &heldReply) = 0;
-};
-
-// The network transport's actions: detached and inline hand-offs and detached
-// block combination, all counted by one ReplyHandOff.
-class HandOffReplyActions : public ReplyActions
-{
-public:
-    explicit HandOffReplyActions(ReplyHandOff &handOff);
-    void queueReply(const ProtocolData &record) override;
-    void deliverReplyNow(const ProtocolData &record) override;
-    void combineBlock(const QByteArray &blockData, const QByteArray &heldReply) override;
-
-private:
-    ReplyHandOff &m_handOff;
-};
-
 // The buffers reply parsing keeps between datagrams. They belong to the
 // transport, which also clears them when it rebuilds its socket; lock guards
 // them against that.
@@ -101,11 +71,12 @@ struct HeldReplyBuffers {
 // replaces it) and block datagrams are gathered until the announced length is
 // in, when reply and block data are combined and the parser is idle again.
 // Block data that arrives while idle meets an empty held reply, expects
-// nothing, and is dropped by a combine that only wakes the waiting side.
+// nothing, and is dropped by a combination that only wakes the waiting side.
+// Records, and combinations to run away from the reading thread, go to sink.
 class DatagramReplyParser
 {
 public:
-    DatagramReplyParser(HeldReplyBuffers buffers, ReplyActions &actions);
+    DatagramReplyParser(HeldReplyBuffers buffers, ReplySink &sink);
 
     // One datagram as read from the socket, with its sender's address text
     // and the device type to stamp on the record.
@@ -116,7 +87,7 @@ private:
     void takeBlockData(const QByteArray &datagram);
 
     HeldReplyBuffers m_buffers;
-    ReplyActions &m_actions;
+    ReplySink &m_sink;
 };
 
 } // namespace comm

@@ -2,6 +2,8 @@
 
 #include <QString>
 
+#include "CommandFrame.h"
+
 namespace comm {
 
 namespace {
@@ -47,6 +49,17 @@ void readHexPairs(const char *digits, int values[kReplyPairs])
         else // signs, blanks, prefixes: whatever the conversion makes of them
             values[i] = QString::fromLatin1(digits + 2 * i, 2).toInt(nullptr, 16);
     }
+}
+
+int decodeReplyDigits(const char *digits, ProtocolData &record)
+{
+    int values[kReplyPairs];
+    readHexPairs(digits, values);
+    record.commandByte = static_cast<quint8>(values[0]);
+    for (int i = 0; i < 6; ++i)
+        record.paramBytes[i] = static_cast<quint8>(values[1 + i]);
+    record.checksumByte = commandChecksum(record);
+    return values[kReplyPairs - 1];
 }
 
 } // namespace comm

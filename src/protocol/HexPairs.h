@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ProtocolData.h"
+
 namespace comm {
 
 // Number of hex digit pairs in a reply frame: command byte, six parameter
@@ -14,5 +16,12 @@ constexpr int kReplyPairs = 8;
 // read from what is left of it, and "-1" gives -1. Callers keep what they need
 // of each value (its low 8 bits, or the whole integer).
 void readHexPairs(const char *digits, int values[kReplyPairs]);
+
+// The reply fields the 16 digits carry, read as readHexPairs reads them:
+// writes record's command byte and six parameter bytes (the low 8 bits of
+// their pairs) and its check byte as the 8-bit sum of those seven, and returns
+// the eighth pair, the check byte the device sent, as the whole converted
+// number. Each link compares the two by its own rule.
+int decodeReplyDigits(const char *digits, ProtocolData &record);
 
 } // namespace comm

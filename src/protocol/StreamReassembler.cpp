@@ -7,8 +7,7 @@
 #include "CommandFrame.h"
 #include "DebugLog.h"
 #include "HexPairs.h"
-#include "MutexGuard.h"
-#include "ReplyHandOff.h"
+#include "ReplySink.h"
 
 namespace comm {
 
@@ -26,31 +25,17 @@ QString textUpToZero(const char *bytes, int size)
 }
 } // namespace
 
+// The two links side by side, in the order of the fields: link byte, source
+// text, turn sleep, block announcements, block wait attempts and sleep,
+// source text on block records, check failure log.
 StreamReassemblyConfig StreamReassemblyConfig::serial()
 {
-    StreamReassemblyConfig config;
-    config.linkByte = 1;
-    config.turnSleepMs = 3;
-    config.framesAnnounceBlocks = true;
-    config.blockWaitAttempts = 150;
-    config.blockWaitSleepMs = 4;
-    config.blockSetsSourceText = true;
-    config.checkFailureLog = QStringLiteral("PortSerial::getArrayData   dataStr==");
-    return config;
+    return {1, QString(), 3, true, 150, 4, true, QStringLiteral("PortSerial::getArrayData   dataStr==")};
 }
 
 StreamReassemblyConfig StreamReassemblyConfig::usb()
 {
-    StreamReassemblyConfig config;
-    config.linkByte = 2;
-    config.sourceText = QStringLiteral("USB");
-    config.turnSleepMs = 20;
-    config.framesAnnounceBlocks = false;
-    config.blockWaitAttempts = 200;
-    config.blockWaitSleepMs = 20;
-    config.blockSetsSourceText = false;
-    config.checkFailureLog = QStringLiteral("PortUSB::getArrayData   dataStr==");
-    return config;
+    return {2, QStringLiteral("USB"), 20, false, 200, 20, false, QStringLiteral("PortUSB::getArrayData   dataStr==")};
 }
 
 bool announcesBlock(const ProtocolData &record)
@@ -65,9 +50,9 @@ unsigned short announcedBlockLength(const ProtocolData &record)
     return static_cast<unsigned short>(record.paramBytes[4] + 256 * record.paramBytes[5]);
 }
 
-StreamReassembler::StreamReassembler(StreamReassemblyConfig config, ReplyHandOff &handOff, SleepFunction sleep)
+StreamReassembler::StreamReassembler(StreamReassemblyConfig config, ReplySink &sink, SleepFunction sleep)
     : m_config(std::move(config))
-    , m_handOff(handOff)
+    , m_sink(sink)
     , m_sleep(std::move(sleep))
     , m_sourceText(m_config.sourceText)
 {
@@ -118,54 +103,54 @@ void StreamReassembler::run(const std::atomic<bool> &runFlag, std::atomic<bool> 
 void StreamReassembler::dealTurn()
 {
     sleepFor(m_config.turnSleepMs);
-    QByteArray snapshot = getBuffData(kSnapshotSize);
+    QByteArray snapshot = peek(kSnapshotSize);
     if (snapshot.size() < kFrameHeaderSize)
         return; // wait for more data
-    if (!isFindStdCmdPreFlag(snapshot))
+    if (!skipToFrameStart(snapshot))
         return;
     // The front has moved: look again.
-    snapshot = getBuffData(kSnapshotSize);
+    snapshot = peek(kSnapshotSize);
     if (snapshot.size() < kFrameHeaderSize)
         return;
     if (snapshot.at(0) == '[' && snapshot.at(1) == 'R' && snapshot.at(kFrameEndOffset) == ']')
-        checkCMD(snapshot);
+        takeFrame(snapshot);
     else
-        takeBuffData(1); // not a frame: drop its "[" and resynchronise next turn
+        take(1); // not a frame: drop its "[" and resynchronise next turn
 }
 
-bool StreamReassembler::isFindStdCmdPreFlag(const QByteArray &snapshot)
+bool StreamReassembler::skipToFrameStart(const QByteArray &snapshot)
 {
     const int start = snapshot.indexOf('[');
     if (start < 0) {
         // Everything examined is garbage; bytes that arrived since stay.
-        takeBuffData(static_cast<unsigned short>(qMin(snapshot.size(), 0xFFFF)));
+        take(static_cast<unsigned short>(qMin(snapshot.size(), 0xFFFF)));
         return false;
     }
-    takeBuffData(static_cast<unsigned short>(qMin(start, 0xFFFF)));
-    const QByteArray front = getBuffData(kSnapshotSize);
+    take(static_cast<unsigned short>(qMin(start, 0xFFFF)));
+    const QByteArray front = peek(kSnapshotSize);
     if (front.size() < 2)
         return false; // the "[" waits for its next byte
     if (front.at(1) == 'R')
         return true;
-    takeBuffData(1);
+    take(1);
     return false;
 }
 
-bool StreamReassembler::checkCMD(const QByteArray &frame)
+bool StreamReassembler::takeFrame(const QByteArray &frame)
 {
     if (frame.size() < kFrameHeaderSize)
         return false;
     const QByteArray header = frame.left(kFrameHeaderSize);
     ProtocolData record;
-    if (!getArrayData(header, &record)) {
-        takeBuffData(1); // drop the "[": the rest is scanned again as data
+    if (!decodeFrame(header, &record)) {
+        take(1); // drop the "[": the rest is scanned again as data
         return false;
     }
-    takeBuffData(kFrameHeaderSize);
+    take(kFrameHeaderSize);
     const QString received = QStringLiteral("Recv data:") + textUpToZero(header.constData(), kFrameHeaderSize);
 
     if (m_config.framesAnnounceBlocks && announcesBlock(record)) {
-        if (checkBlock(record, announcedBlockLength(record))) {
+        if (takeBlock(record, announcedBlockLength(record))) {
             debugLine(received);
             return true;
         }
@@ -176,17 +161,17 @@ bool StreamReassembler::checkCMD(const QByteArray &frame)
 
     debugLine(received);
     stamp(record, true);
-    m_handOff.deliverDetached(record);
+    m_sink.deliverDetached(record);
     return true;
 }
 
-bool StreamReassembler::checkBlock(ProtocolData record, unsigned short length)
+bool StreamReassembler::takeBlock(ProtocolData record, unsigned short length)
 {
     QByteArray block;
     if (length > 0) {
         bool complete = false;
         for (int attempt = 0; attempt < m_config.blockWaitAttempts; ++attempt) {
-            block = getBuffData(length);
+            block = peek(length);
             if (block.size() == length) {
                 complete = true;
                 break;
@@ -196,7 +181,7 @@ bool StreamReassembler::checkBlock(ProtocolData record, unsigned short length)
         }
         if (!complete)
             return false; // nothing consumed
-        takeBuffData(length);
+        take(length);
         const auto *bytes = reinterpret_cast<const unsigned char *>(block.constData());
         unsigned sum = 0;
         for (int i = 0; i + 1 < length; ++i)
@@ -206,11 +191,11 @@ bool StreamReassembler::checkBlock(ProtocolData record, unsigned short length)
     }
     record.payload = block;
     stamp(record, m_config.blockSetsSourceText);
-    addToReceivedQueue(record);
+    m_sink.deliverNow(record);
     return true;
 }
 
-bool StreamReassembler::getArrayData(const QByteArray &frame, ProtocolData *out) const
+bool StreamReassembler::decodeFrame(const QByteArray &frame, ProtocolData *out) const
 {
     // Bytes 2..17; a shorter frame reads as if it ended in zero bytes.
     char digits[kDigitCount] = {};
@@ -218,27 +203,15 @@ bool StreamReassembler::getArrayData(const QByteArray &frame, ProtocolData *out)
     if (available > 0)
         std::memcpy(digits, frame.constData() + kDigitsOffset, static_cast<size_t>(available));
 
-    int values[kReplyPairs];
-    readHexPairs(digits, values);
     ProtocolData decoded;
-    decoded.commandByte = static_cast<quint8>(values[0]);
-    for (int i = 0; i < 6; ++i)
-        decoded.paramBytes[i] = static_cast<quint8>(values[i + 1]);
-    const quint8 sum = commandChecksum(decoded);
-    // The check byte is compared as the whole converted number, so a pair such
-    // as "-1" never matches.
-    if (values[kReplyPairs - 1] != static_cast<int>(sum)) {
+    // The sent check byte is compared as the whole converted number, so a
+    // pair such as "-1" never matches.
+    if (decodeReplyDigits(digits, decoded) != static_cast<int>(decoded.checksumByte)) {
         debugLine(m_config.checkFailureLog + textUpToZero(digits, kDigitCount));
         return false;
     }
-    decoded.checksumByte = sum;
     *out = decoded;
     return true;
-}
-
-void StreamReassembler::addToReceivedQueue(const ProtocolData &record) const
-{
-    m_handOff.deliver(record);
 }
 
 void StreamReassembler::stamp(ProtocolData &record, bool setSourceText) const
@@ -249,38 +222,38 @@ void StreamReassembler::stamp(ProtocolData &record, bool setSourceText) const
     record.deviceType = deviceType();
 }
 
-void StreamReassembler::appendBuffData(const QByteArray &data)
+void StreamReassembler::append(const QByteArray &data)
 {
-    MutexGuard guard(m_buffLock);
+    std::lock_guard<std::mutex> guard(m_bufferLock);
     // A deep copy: the buffer never shares its bytes with another thread's array.
-    m_buffData.append(data.constData(), data.size());
+    m_buffer.append(data.constData(), data.size());
 }
 
-QByteArray StreamReassembler::getBuffData(unsigned short n) const
+QByteArray StreamReassembler::peek(unsigned short n) const
 {
-    MutexGuard guard(m_buffLock);
-    return QByteArray(m_buffData.constData(), qMin<int>(n, m_buffData.size()));
+    std::lock_guard<std::mutex> guard(m_bufferLock);
+    return QByteArray(m_buffer.constData(), qMin<int>(n, m_buffer.size()));
 }
 
-QByteArray StreamReassembler::takeBuffData(unsigned short n)
+QByteArray StreamReassembler::take(unsigned short n)
 {
-    MutexGuard guard(m_buffLock);
-    const int count = qMin<int>(n, m_buffData.size());
-    QByteArray front(m_buffData.constData(), count);
-    m_buffData.remove(0, count);
+    std::lock_guard<std::mutex> guard(m_bufferLock);
+    const int count = qMin<int>(n, m_buffer.size());
+    QByteArray front(m_buffer.constData(), count);
+    m_buffer.remove(0, count);
     return front;
 }
 
-void StreamReassembler::clearBuffData()
+void StreamReassembler::clear()
 {
-    MutexGuard guard(m_buffLock);
-    m_buffData.clear();
+    std::lock_guard<std::mutex> guard(m_bufferLock);
+    m_buffer.clear();
 }
 
-QByteArray StreamReassembler::buffData() const
+QByteArray StreamReassembler::contents() const
 {
-    MutexGuard guard(m_buffLock);
-    return QByteArray(m_buffData.constData(), m_buffData.size());
+    std::lock_guard<std::mutex> guard(m_bufferLock);
+    return QByteArray(m_buffer.constData(), m_buffer.size());
 }
 
 } // namespace comm

@@ -5,7 +5,6 @@
 #include <mutex>
 
 #include <QByteArray>
-#include <QMutex>
 #include <QString>
 #include <QtGlobal>
 
@@ -14,7 +13,7 @@
 
 namespace comm {
 
-class ReplyHandOff;
+class ReplySink;
 
 // How one link reassembles reply frames from its byte stream. The serial and
 // USB links share the mechanism and differ only in these values; serial() and
@@ -28,15 +27,15 @@ struct StreamReassemblyConfig
     QString sourceText;
     // Sleep at the start of every worker turn, in milliseconds.
     int turnSleepMs = 3;
-    // Whether checkCMD looks for a block announcement and waits for the block
-    // (serial). Without it every valid frame is queued at once with an empty
+    // Whether a frame is checked for a block announcement and its block
+    // waited for (serial). Without it every valid frame is queued at once with an empty
     // payload (USB).
     bool framesAnnounceBlocks = true;
-    // checkBlock's wait: how many times it looks for the whole block, and how
+    // The block wait: how many times it looks for the whole block, and how
     // long it sleeps after each look that finds too few bytes.
     int blockWaitAttempts = 150;
     int blockWaitSleepMs = 4;
-    // Whether checkBlock stamps the source text on the record (serial), or
+    // Whether a block's record gets the source text stamped on the record (serial), or
     // leaves the record's source text as the caller passed it (USB).
     bool blockSetsSourceText = true;
     // Text logged, followed by the 16 digits, when a frame's check byte does
@@ -49,12 +48,12 @@ struct StreamReassemblyConfig
 
 // Reply reassembly for a byte stream (serial line, USB input reports).
 //
-// It owns the link's receive buffer and the QMutex that guards it. The
-// receive path appends; one worker (run(), or dealTurn() one turn at a time)
-// consumes from the front: it drops bytes up to a "[" "R" frame start, checks
-// the 19-byte frame "[" "R" 16 hex digits "]" and its check byte, on serial
-// waits for the raw block the frame announces, and hands each reply record to
-// the command module's receive queue through the given ReplyHandOff.
+// It owns the link's receive buffer and the lock that guards it. The receive
+// path appends; one worker (run(), or dealTurn() one turn at a time) consumes
+// from the front: it drops bytes up to a "[" "R" frame start, checks the
+// 19-byte frame "[" "R" 16 hex digits "]" and its check byte, on serial waits
+// for the raw block the frame announces, and hands each reply record to the
+// sink: a frame's record detached, a block's record at once.
 //
 // The sleep function is injectable so that tests and fuzzers can drive the
 // mechanism without real time passing.
@@ -66,9 +65,9 @@ public:
     // Number of bytes a turn looks at, at most.
     static constexpr unsigned short kSnapshotSize = 1024;
 
-    // handOff must outlive this object. An empty sleep function means real
+    // sink must outlive this object. An empty sleep function means real
     // sleeping.
-    StreamReassembler(StreamReassemblyConfig config, ReplyHandOff &handOff, SleepFunction sleep = {});
+    StreamReassembler(StreamReassemblyConfig config, ReplySink &sink, SleepFunction sleep = {});
     StreamReassembler(const StreamReassembler &) = delete;
     StreamReassembler &operator=(const StreamReassembler &) = delete;
 
@@ -90,37 +89,37 @@ public:
 
     // Drops bytes up to the first "[" of snapshot (all of them when there is
     // none); true when the buffer now starts with "[" "R".
-    bool isFindStdCmdPreFlag(const QByteArray &snapshot);
+    bool skipToFrameStart(const QByteArray &snapshot);
     // Checks and consumes the frame at the buffer's front (and on serial its
     // block); true when a record was produced.
-    bool checkCMD(const QByteArray &frame);
+    bool takeFrame(const QByteArray &frame);
     // Waits for, checks and consumes a block of length bytes, completes
-    // record with it and queues it at once; true when the record was queued.
-    bool checkBlock(ProtocolData record, unsigned short length);
+    // record with it and hands it over at once; true when it was handed over.
+    bool takeBlock(ProtocolData record, unsigned short length);
     // Decodes the 16 digits at bytes 2..17 of frame; when their check byte
     // matches, *out becomes the decoded record and true is returned.
-    bool getArrayData(const QByteArray &frame, ProtocolData *out) const;
-    // Queues record at once, on the calling thread.
-    void addToReceivedQueue(const ProtocolData &record) const;
+    bool decodeFrame(const QByteArray &frame, ProtocolData *out) const;
 
     // Receive buffer operations, each one critical section under the lock.
-    void appendBuffData(const QByteArray &data);
-    QByteArray getBuffData(unsigned short n) const;
-    QByteArray takeBuffData(unsigned short n);
-    void clearBuffData();
+    void append(const QByteArray &data);
+    // The first n bytes (fewer when the buffer is shorter), left in place.
+    QByteArray peek(unsigned short n) const;
+    // The first n bytes (fewer when the buffer is shorter), removed.
+    QByteArray take(unsigned short n);
+    void clear();
     // A copy of the whole buffer.
-    QByteArray buffData() const;
+    QByteArray contents() const;
 
 private:
     void stamp(ProtocolData &record, bool setSourceText) const;
     void sleepFor(int milliseconds) const;
 
     const StreamReassemblyConfig m_config;
-    ReplyHandOff &m_handOff;
+    ReplySink &m_sink;
     const SleepFunction m_sleep;
 
-    QByteArray m_buffData;
-    mutable QMutex m_buffLock;
+    QByteArray m_buffer;
+    mutable std::mutex m_bufferLock;
 
     mutable std::mutex m_sourceLock;
     QString m_sourceText;

@@ -5,12 +5,9 @@
 
 #include "CommandFrame.h"
 #include "DebugLog.h"
-#include "DetachedWork.h"
-#include "FrameHexText.h"
 #include "IoThread.h"
 #include "MutexGuard.h"
-#include "ReplyHandOff.h"
-#include "StreamReassembler.h"
+#include "StreamLink.h"
 
 namespace {
 // How often a stopping side looks whether the worker has ended.
@@ -18,9 +15,7 @@ constexpr auto kStopPoll = std::chrono::milliseconds(5);
 } // namespace
 
 PortSerial::PortSerial()
-    : m_handOff(std::make_unique<comm::ReplyHandOff>(m_dealFlag, comm::ReplyHandOff::Gate::Always))
-    , m_reassembler(std::make_unique<comm::StreamReassembler>(comm::StreamReassemblyConfig::serial(), *m_handOff))
-    , m_workers(std::make_unique<comm::DetachedWork>())
+    : StreamTransport(comm::StreamReassemblyConfig::serial())
     , m_io(std::make_unique<comm::IoThread>("PortSerial-io"))
 {
     m_com = new QSerialPort();
@@ -65,32 +60,11 @@ PortSerial::~PortSerial()
         comm::MutexGuard guard(m_dealLock);
         m_threadRun = false;
     }
-    m_workers->waitUntilIdle();
+    m_link->workers.waitUntilIdle();
     m_com = nullptr;
-    clearBuffers();
-    // Reply and queue-clearing threads refer to the hand-off.
-    m_handOff->waitForDetachedWork();
-}
-
-void PortSerial::setDeviceIP(QString) {}
-
-void PortSerial::setPort(int) {}
-
-bool PortSerial::openUSB(unsigned short, unsigned short)
-{
-    return false;
-}
-
-void PortSerial::closeUSB() {}
-
-void PortSerial::clearQueue()
-{
-    m_handOff->clearQueueDetached(m_cmdDeal);
-}
-
-void PortSerial::setDeviceType(ModulelEnum::DeviceType type)
-{
-    m_reassembler->setDeviceType(type);
+    m_link->clearBuffers();
+    // Reply and queue-clearing threads refer to the sink.
+    m_link->sink.waitForDetachedWork();
 }
 
 bool PortSerial::openSerialPort(QString name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
@@ -114,8 +88,8 @@ bool PortSerial::openOnIoThread(const QString &name, QSerialPort::BaudRate baud,
         if (m_dealFlag)
             stopWorker();
         m_com->close();
-        clearBuffers();
-    } else if (m_dealFlag && m_workers->running() > 0) {
+        m_link->clearBuffers();
+    } else if (m_dealFlag && m_link->workers.running() > 0) {
         // handleError closed the port but left its worker running: this open
         // restarts it, so that one worker at most reads the buffer.
         stopWorker();
@@ -127,7 +101,7 @@ bool PortSerial::openOnIoThread(const QString &name, QSerialPort::BaudRate baud,
     m_com->setStopBits(stopBits);
     m_com->setFlowControl(flow);
     // Replies name the port as the port object reports it.
-    m_reassembler->setSourceText(m_com->portName());
+    m_link->reassembler.setSourceText(m_com->portName());
     if (!m_com->open(QIODevice::ReadWrite))
         return false;
     m_resourceErrorsAtOpen = m_resourceErrorsReported;
@@ -135,7 +109,7 @@ bool PortSerial::openOnIoThread(const QString &name, QSerialPort::BaudRate baud,
         comm::MutexGuard guard(m_dealLock);
         m_threadRun = true;
     }
-    if (!m_workers->tryStart([this] { ThreadDealDataFunc(); })) {
+    if (!m_link->workers.tryStart([this] { ThreadDealDataFunc(); })) {
         // No thread to reassemble replies: a port without one is no use.
         {
             comm::MutexGuard guard(m_dealLock);
@@ -154,7 +128,7 @@ void PortSerial::closeSerialPort()
             return;
         stopWorker();
         m_com->close();
-        clearBuffers();
+        m_link->clearBuffers();
     });
 }
 
@@ -174,15 +148,8 @@ void PortSerial::stopWorker()
     // wait, then sets the exited flag as its last act. Every worker started
     // here is counted from the moment it is started, so a worker that has not
     // yet run is waited for too.
-    while (m_workers->running() > 0)
+    while (m_link->workers.running() > 0)
         std::this_thread::sleep_for(kStopPoll);
-}
-
-void PortSerial::clearBuffers()
-{
-    m_reassembler->clearBuffData();
-    m_auxData1.clear();
-    m_auxData2.clear();
 }
 
 void PortSerial::handleError(QSerialPort::SerialPortError error)
@@ -207,7 +174,7 @@ void PortSerial::readPendingDatagrams()
         while (m_com->bytesAvailable() != 0) {
             const QByteArray data = m_com->readAll();
             if (m_dealFlag)
-                appendBuffData(data);
+                m_link->reassembler.append(data);
         }
     });
 }
@@ -219,16 +186,6 @@ void PortSerial::sendDatatoDevice(void *parameters)
     sendComData(frame);
     // The header only: it is already text; the payload is raw.
     comm::debugLine(QStringLiteral("Send data:") + QString::fromLatin1(frame.constData(), comm::kFrameHeaderSize));
-}
-
-QByteArray PortSerial::produceCmds(ProtocolData record)
-{
-    return comm::produceCmds(record);
-}
-
-QByteArray PortSerial::changeData(QByteArray data)
-{
-    return comm::changeData(data);
 }
 
 void PortSerial::sendComData(QByteArray data)
@@ -254,60 +211,5 @@ qint64 PortSerial::writeComData(const char *data, qint64 size)
 
 void PortSerial::ThreadDealDataFunc()
 {
-    m_reassembler->run(m_threadRun, &m_threadExited);
-}
-
-bool PortSerial::isFindStdCmdPreFlag(QByteArray snapshot)
-{
-    return m_reassembler->isFindStdCmdPreFlag(snapshot);
-}
-
-bool PortSerial::checkCMD(QByteArray frame)
-{
-    return m_reassembler->checkCMD(frame);
-}
-
-bool PortSerial::checkBlock(ProtocolData record, unsigned short length)
-{
-    return m_reassembler->checkBlock(record, length);
-}
-
-bool PortSerial::getArrayData(QByteArray frame, ProtocolData *out)
-{
-    return m_reassembler->getArrayData(frame, out);
-}
-
-void PortSerial::addToReceivedQueue(ProtocolData record)
-{
-    m_reassembler->addToReceivedQueue(record);
-}
-
-void PortSerial::setRetFlagStatus(bool value)
-{
-    comm::setRetFlagStatus(value);
-}
-
-void PortSerial::appendBuffData(QByteArray data)
-{
-    m_reassembler->appendBuffData(data);
-}
-
-QByteArray PortSerial::getBuffData(unsigned short n)
-{
-    return m_reassembler->getBuffData(n);
-}
-
-QByteArray PortSerial::takeBuffData(unsigned short n)
-{
-    return m_reassembler->takeBuffData(n);
-}
-
-QByteArray PortSerial::buffData() const
-{
-    return m_reassembler->buffData();
-}
-
-int PortSerial::runningWorkers() const
-{
-    return m_workers->running();
+    m_link->reassembler.run(m_threadRun, &m_threadExited);
 }

@@ -12,12 +12,10 @@
 #include "ModulelEnum.h"
 #include "PortBase.h"
 #include "ProtocolData.h"
+#include "StreamTransport.h"
 
 namespace comm {
-class DetachedWork;
 class IoThread;
-class ReplyHandOff;
-class StreamReassembler;
 } // namespace comm
 
 // The serial (COM) line transport. openSerialPort applies the line settings,
@@ -33,22 +31,13 @@ class StreamReassembler;
 // The port's error signal is not connected here: an application that wants a
 // vanished device to close the port connects QSerialPort::errorOccurred of
 // m_com to handleError.
-class PortSerial : public PortBase
+class PortSerial : public PortBase, public StreamTransport
 {
     Q_OBJECT
 
 public:
     PortSerial();
     ~PortSerial() override;
-
-    // Network and USB operations: no meaning on a serial line.
-    void setDeviceIP(QString ip) override;
-    void setPort(int port) override;
-    bool openUSB(unsigned short vid, unsigned short pid) override;
-    void closeUSB() override;
-
-    void clearQueue() override;
-    void setDeviceType(ModulelEnum::DeviceType type) override;
 
     // Closes the port first if it is open, applies the settings in a fixed
     // order (name, baud rate, data bits, parity, stop bits, flow control),
@@ -64,34 +53,25 @@ public:
     // turn, true does not start one (only openSerialPort does).
     void setDealFlag(bool value);
 
-    QByteArray produceCmds(ProtocolData record);
-    QByteArray changeData(QByteArray data);
+    void clearQueue() override { clearQueueDetached(m_cmdDeal); }
+    void setDeviceType(ModulelEnum::DeviceType type) override { setReplyDeviceType(type); }
+
+    // Network and USB operations: no meaning on a serial line.
+    void setDeviceIP(QString) override {}
+    void setPort(int) override {}
+    bool openUSB(unsigned short, unsigned short) override { return false; }
+    void closeUSB() override {}
+
     // Writes data in one call when the port is open, logging the outcome.
     void sendComData(QByteArray data);
 
-    // Reply reassembly, on this transport's receive buffer.
+    // The reassembly worker's body: turns while m_threadRun is true.
     void ThreadDealDataFunc();
-    bool isFindStdCmdPreFlag(QByteArray snapshot);
-    bool checkCMD(QByteArray frame);
-    bool checkBlock(ProtocolData record, unsigned short length);
-    bool getArrayData(QByteArray frame, ProtocolData *out);
-    void addToReceivedQueue(ProtocolData record);
-    void setRetFlagStatus(bool value);
-
-    // Receive buffer.
-    void appendBuffData(QByteArray data);
-    QByteArray getBuffData(unsigned short n);
-    QByteArray takeBuffData(unsigned short n);
-    // A copy of the whole receive buffer.
-    QByteArray buffData() const;
-
-    // Reassembly workers started by this object and still running.
-    int runningWorkers() const;
 
     // The worker runs while this is true; it is written under m_dealLock.
     std::atomic<bool> m_threadRun{false};
     // Set by the worker as its last act. The stopping side does not wait for
-    // it: it waits until m_workers counts no running worker.
+    // it: it waits until no worker is counted as running.
     std::atomic<bool> m_threadExited{false};
     // The port, owned by the transport; it lives on the I/O thread.
     QSerialPort *m_com = nullptr;
@@ -120,15 +100,9 @@ private:
                            QSerialPort::Parity parity, QSerialPort::FlowControl flow,
                            QSerialPort::DataBits dataBits);
     void stopWorker();
-    void clearBuffers();
 
     CmdDealModule m_cmdDeal;
     QMutex m_dealLock;
-    QByteArray m_auxData1;
-    QByteArray m_auxData2;
-    std::unique_ptr<comm::ReplyHandOff> m_handOff;
-    std::unique_ptr<comm::StreamReassembler> m_reassembler;
-    std::unique_ptr<comm::DetachedWork> m_workers;
     // Where the port lives; started before it is made, stopped after it is gone.
     std::unique_ptr<comm::IoThread> m_io;
     // Resource errors the port has reported, and their count when it was last

@@ -13,14 +13,10 @@
 #include "ModulelEnum.h"
 #include "PortBase.h"
 #include "ProtocolData.h"
-
-// hidapi's device handle (hid_device); the library keeps hidapi to itself.
-struct hid_device_;
+#include "StreamTransport.h"
 
 namespace comm {
-class DetachedWork;
-class ReplyHandOff;
-class StreamReassembler;
+class HidDevice;
 enum class ReportSplit;
 } // namespace comm
 
@@ -36,7 +32,7 @@ enum class ReportSplit;
 // transport) and its return through signalUSBChanged. It serves the oldest
 // PortUSB still alive, and nothing once none is. It never reopens the device:
 // on signalUSBChanged(true) the application calls openUSB again.
-class PortUSB : public PortBase
+class PortUSB : public PortBase, public StreamTransport
 {
     Q_OBJECT
 
@@ -45,15 +41,17 @@ public:
     ~PortUSB() override;
 
     // Network and serial operations: no meaning on USB.
-    void setDeviceIP(QString ip) override;
-    void setPort(int port) override;
-    bool openSerialPort(QString name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
-                        QSerialPort::Parity parity, QSerialPort::FlowControl flow,
-                        QSerialPort::DataBits dataBits) override;
-    void closeSerialPort() override;
+    void setDeviceIP(QString) override {}
+    void setPort(int) override {}
+    bool openSerialPort(QString, QSerialPort::BaudRate, QSerialPort::StopBits, QSerialPort::Parity,
+                        QSerialPort::FlowControl, QSerialPort::DataBits) override
+    {
+        return false;
+    }
+    void closeSerialPort() override {}
 
-    void clearQueue() override;
-    void setDeviceType(ModulelEnum::DeviceType type) override;
+    void clearQueue() override { clearQueueDetached(m_cmdDeal); }
+    void setDeviceType(ModulelEnum::DeviceType type) override { setReplyDeviceType(type); }
 
     // Closes the device held (keeping the receive buffer), pauses 100 ms, opens
     // the first device with vid and pid and starts a fresh reader and
@@ -82,35 +80,14 @@ public:
     // the call silently unless it is the final short report.
     void sendUSBData_Update_Vornik(QByteArray data);
 
-    QByteArray produceCmds(ProtocolData record);
-    QByteArray changeData(QByteArray data);
-
     // The reader: one read of up to 1024 bytes (100 ms at most) every 20 ms,
     // appended to the receive buffer, while m_readRunning is true.
     void ThreadReadPendingDatagrams();
-
-    // Reply reassembly, on this transport's receive buffer.
+    // The reassembly worker's body: turns while m_dealRunning is true.
     void ThreadDealDataFunc();
-    bool isFindStdCmdPreFlag(QByteArray snapshot);
-    bool checkCMD(QByteArray frame);
-    // Never called by the reassembly: waits up to 200 times 20 ms for length
-    // bytes, checks their check byte and queues record with them at once.
-    bool checkBlock(ProtocolData record, unsigned short length);
-    bool getArrayData(QByteArray frame, ProtocolData *out);
-    void addToReceivedQueue(ProtocolData record);
-    void setRetFlagStatus(bool value);
-
-    // Receive buffer.
-    void appendBuffData(QByteArray data);
-    QByteArray getBuffData(unsigned short len);
-    QByteArray takeBuffData(unsigned short len);
-    // A copy of the whole receive buffer.
-    QByteArray buffData() const;
 
     // Whether a device is open.
     bool isOpen() const;
-    // Readers and reassembly workers started by this object and still running.
-    int runningWorkers() const;
 
     // Kept for applications; nothing in the class sets it. While true, sending
     // also forms the frame's command text (and drops it).
@@ -141,32 +118,12 @@ private:
     // emptying the receive buffer when asked. Called with m_linkLock held.
     void closeDevice(bool clearBuffer);
     void writeReports(const QByteArray &data, comm::ReportSplit split);
-    // Writes one 65-byte output report: what hid_write returns, or -2 while
-    // no device is open.
-    int writeReport(const unsigned char *report);
 
     // Serialises openUSB and closeUSB, wherever they are called from (the
     // watcher closes on its own thread).
     QMutex m_linkLock;
-    // Held by the reader around each read and by closing around hid_close.
-    QMutex m_deviceLock;
-    // Held by writes and by closing around hid_close, so that no write uses a
-    // closed handle. Reads and writes do not wait for each other.
-    mutable QMutex m_writeLock;
-    // The open device; written with all three locks held, read with any one.
-    hid_device_ *m_device = nullptr;
-    // hidapi keeps an error string per device, which every read frees at its
-    // start and every write at its end, and which a failed call sets. While it
-    // is empty, a read and a write may run at the same time; once a call has
-    // failed, two at once could free it twice. So from a failed call until a
-    // call made alone succeeds, reads and writes take turns (each holding both
-    // locks).
-    std::atomic<bool> m_deviceFailing{false};
-
-    QByteArray m_auxData1;
-    QByteArray m_auxData2;
+    // The device, with the rules for reading, writing and closing it from
+    // several threads at once.
+    std::unique_ptr<comm::HidDevice> m_device;
     CmdDealModule m_cmdDeal;
-    std::unique_ptr<comm::ReplyHandOff> m_handOff;
-    std::unique_ptr<comm::StreamReassembler> m_reassembler;
-    std::unique_ptr<comm::DetachedWork> m_workers;
 };

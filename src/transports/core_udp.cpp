@@ -11,7 +11,7 @@
 #include "IoThread.h"
 #include "LocalAddress.h"
 #include "NativeDatagram.h"
-#include "ReplyHandOff.h"
+#include "ReceiveQueueSink.h"
 
 std::mutex PortUDP::stdCMDlock;
 
@@ -31,17 +31,16 @@ void PortUDP::reportSend(const comm::SendOutcome &outcome)
     m_io->run([this] { emit signalReInitUdp(); });
 }
 
-// Reply parsing and the hand-offs it starts, over the transport's buffers.
+// Reply parsing over the transport's buffers, and the sink it hands records
+// to, which drops them while the deal flag is false.
 struct PortUDP::ReplyPath {
     explicit ReplyPath(PortUDP &port)
-        : handOff(port.m_dealFlag, comm::ReplyHandOff::Gate::DealFlag)
-        , actions(handOff)
-        , parser({port.m_lastDatagram, port.m_pendingStdReply, port.m_blockBuffer, PortUDP::stdCMDlock}, actions)
+        : sink(&port.m_dealFlag)
+        , parser({port.m_lastDatagram, port.m_pendingStdReply, port.m_blockBuffer, PortUDP::stdCMDlock}, sink)
     {
     }
 
-    comm::ReplyHandOff handOff;
-    comm::HandOffReplyActions actions;
+    comm::ReceiveQueueSink sink;
     comm::DatagramReplyParser parser;
 };
 
@@ -69,8 +68,8 @@ PortUDP::~PortUDP()
         tearDownSocket(Rebuild::DropDeviceAddress);
     });
     m_io->stop();
-    // Hand-offs, block combinations and queue clearing refer to this object.
-    m_reply->handOff.waitForDetachedWork();
+    // Hand-offs, block combinations and queue clearing refer to the sink.
+    m_reply->sink.waitForDetachedWork();
 }
 
 void PortUDP::initUdp()
@@ -162,28 +161,13 @@ void PortUDP::setPort(int port)
 
 void PortUDP::clearQueue()
 {
-    m_reply->handOff.clearQueueDetached(m_cmdDeal);
+    m_reply->sink.clearQueueDetached(m_cmdDeal);
 }
 
 void PortUDP::setDeviceType(ModulelEnum::DeviceType type)
 {
     m_deviceType.store(type);
 }
-
-bool PortUDP::openSerialPort(QString, QSerialPort::BaudRate, QSerialPort::StopBits, QSerialPort::Parity,
-                             QSerialPort::FlowControl, QSerialPort::DataBits)
-{
-    return false;
-}
-
-void PortUDP::closeSerialPort() {}
-
-bool PortUDP::openUSB(unsigned short, unsigned short)
-{
-    return false;
-}
-
-void PortUDP::closeUSB() {}
 
 void PortUDP::sendDatatoDevice(void *parameters)
 {
@@ -324,7 +308,7 @@ ProtocolData PortUDP::getArrayData(QByteArray datagram)
 
 void PortUDP::combineSTDCMDandBloackCMD(QByteArray blockData, QByteArray heldReply)
 {
-    comm::combineAndDeliver(blockData, heldReply, m_reply->handOff);
+    m_reply->sink.deliverOrWake(comm::combineReplyWithBlock(blockData, heldReply));
 }
 
 int PortUDP::combineTwoByte(unsigned char low, unsigned char high)
@@ -334,7 +318,7 @@ int PortUDP::combineTwoByte(unsigned char low, unsigned char high)
 
 void PortUDP::addToReceivedQueue(ProtocolData record)
 {
-    m_reply->handOff.deliver(record);
+    m_reply->sink.deliverNow(record);
 }
 
 void PortUDP::setRetFlagStatus(bool value)

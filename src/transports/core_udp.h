@@ -55,12 +55,14 @@ public:
     void setDeviceType(ModulelEnum::DeviceType type) override;
 
     // Serial and USB operations have no meaning on the network link.
-    bool openSerialPort(QString name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
-                        QSerialPort::Parity parity, QSerialPort::FlowControl flow,
-                        QSerialPort::DataBits dataBits) override;
-    void closeSerialPort() override;
-    bool openUSB(unsigned short vid, unsigned short pid) override;
-    void closeUSB() override;
+    bool openSerialPort(QString, QSerialPort::BaudRate, QSerialPort::StopBits, QSerialPort::Parity,
+                        QSerialPort::FlowControl, QSerialPort::DataBits) override
+    {
+        return false;
+    }
+    void closeSerialPort() override {}
+    bool openUSB(unsigned short, unsigned short) override { return false; }
+    void closeUSB() override {}
 
     // Unicast send to the device address and port; the outcome is only logged.
     void sendUdpData(QByteArray data);

@@ -8,7 +8,8 @@
 #include "LogCapture.h"
 #include "ReceiveQueue.h"
 #include "ReplyDatagrams.h"
-#include "ReplyHandOff.h"
+#include "ReceiveQueueSink.h"
+#include "RecordingSink.h"
 
 Q_DECLARE_METATYPE(comm::ReplyAction)
 
@@ -18,29 +19,14 @@ const QString kMarkerLine = QStringLiteral("no '[' 'R' ");
 const QString kChecksumLine = QStringLiteral("CHKSUM Wrong return");
 const QList<quint8> kNoParams{0, 0, 0, 0, 0, 0};
 
-class RecordingActions : public comm::ReplyActions
-{
-public:
-    void queueReply(const ProtocolData &record) override { queued.append(record); }
-    void deliverReplyNow(const ProtocolData &record) override { delivered.append(record); }
-    void combineBlock(const QByteArray &blockData, const QByteArray &heldReply) override
-    {
-        combines.append({blockData, heldReply});
-    }
-
-    QList<ProtocolData> queued;
-    QList<ProtocolData> delivered;
-    QList<QPair<QByteArray, QByteArray>> combines; // block data, held reply
-};
-
 // A parser over buffers of its own, as the transport keeps them.
 struct ParserFixture {
     QByteArray lastDatagram;
     QByteArray pendingStdReply;
     QByteArray blockBuffer;
     std::mutex lock;
-    RecordingActions actions;
-    comm::DatagramReplyParser parser{{lastDatagram, pendingStdReply, blockBuffer, lock}, actions};
+    RecordingSink sink;
+    comm::DatagramReplyParser parser{{lastDatagram, pendingStdReply, blockBuffer, lock}, sink};
 
     void take(const QByteArray &datagram) { parser.takeDatagram(datagram, QStringLiteral("10.1.2.3"), kDeviceType); }
 
@@ -104,10 +90,10 @@ private slots:
     void negativeLengthGivesNothing();
     void emptyHeldReplyOrBlockGivesNothing();
     void combinedRecordKeepsFreshSenderAndDeviceType();
-    void combineAndDeliverAppendsAndRaisesFlag();
-    void combineAndDeliverWithDealFlagFalseAppendsNothing();
+    void combinedRecordIsQueuedAndRaisesFlag();
+    void combinedRecordWithDealFlagFalseIsDropped();
     void combineWithoutRecordRaisesFlagWhateverTheDealFlag();
-    void handOffActionsCombineOnDetachedThread();
+    void queueSinkCombinesOnDetachedThread();
 
     // The parser
     void logsReceivedBytesThenSender();
@@ -323,8 +309,8 @@ void TestDatagramReplyParser::dispatchTable()
 
     ParserFixture fixture;
     fixture.take(datagram);
-    QCOMPARE(fixture.actions.queued.size(), action == comm::ReplyAction::Queue ? 1 : 0);
-    QCOMPARE(fixture.actions.delivered.size(), action == comm::ReplyAction::DeliverAtOnce ? 1 : 0);
+    QCOMPARE(fixture.sink.queued.size(), action == comm::ReplyAction::Queue ? 1 : 0);
+    QCOMPARE(fixture.sink.delivered.size(), action == comm::ReplyAction::DeliverAtOnce ? 1 : 0);
     QCOMPARE(fixture.pendingStdReply, action == comm::ReplyAction::Hold ? datagram : QByteArray());
 }
 
@@ -418,22 +404,23 @@ void TestDatagramReplyParser::combinedRecordKeepsFreshSenderAndDeviceType()
     QCOMPARE(record->checksumByte, quint8(0x22 + 0x01 + 0x8B + 0x09 + 0x81));
 }
 
-void TestDatagramReplyParser::combineAndDeliverAppendsAndRaisesFlag()
+void TestDatagramReplyParser::combinedRecordIsQueuedAndRaisesFlag()
 {
     std::atomic<bool> dealFlag{true};
-    comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::DealFlag);
+    comm::ReceiveQueueSink sink(&dealFlag);
     const QByteArray block = replies::blockBytes(160);
-    comm::combineAndDeliver(block, replies::reply(0x22, 0, 0x69, 0x09, 0, 0x81, 0), handOff);
+    sink.deliverOrWake(comm::combineReplyWithBlock(block, replies::reply(0x22, 0, 0x69, 0x09, 0, 0x81, 0)));
     QCOMPARE(testqueue::length(), size_t(1));
     QVERIFY(testqueue::replyFlag());
     QCOMPARE(testqueue::records().back().payload, block.left(129));
 }
 
-void TestDatagramReplyParser::combineAndDeliverWithDealFlagFalseAppendsNothing()
+void TestDatagramReplyParser::combinedRecordWithDealFlagFalseIsDropped()
 {
     std::atomic<bool> dealFlag{false};
-    comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::DealFlag);
-    comm::combineAndDeliver(replies::blockBytes(160), replies::reply(0x22, 0, 0x69, 0x09, 0, 0x81, 0), handOff);
+    comm::ReceiveQueueSink sink(&dealFlag);
+    sink.deliverOrWake(
+        comm::combineReplyWithBlock(replies::blockBytes(160), replies::reply(0x22, 0, 0x69, 0x09, 0, 0x81, 0)));
     QCOMPARE(testqueue::length(), size_t(0));
     QVERIFY(!testqueue::replyFlag());
 }
@@ -441,28 +428,28 @@ void TestDatagramReplyParser::combineAndDeliverWithDealFlagFalseAppendsNothing()
 void TestDatagramReplyParser::combineWithoutRecordRaisesFlagWhateverTheDealFlag()
 {
     std::atomic<bool> dealFlag{false};
-    comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::DealFlag);
-    comm::combineAndDeliver(replies::blockBytes(10), replies::reply(0x22, 0, 0x8E, 0x27, 0, 0, 0), handOff);
+    comm::ReceiveQueueSink sink(&dealFlag);
+    sink.deliverOrWake(comm::combineReplyWithBlock(replies::blockBytes(10), replies::reply(0x22, 0, 0x8E, 0x27, 0, 0, 0)));
     QCOMPARE(testqueue::length(), size_t(0));
     QVERIFY(testqueue::replyFlag());
 }
 
-void TestDatagramReplyParser::handOffActionsCombineOnDetachedThread()
+void TestDatagramReplyParser::queueSinkCombinesOnDetachedThread()
 {
     std::atomic<bool> dealFlag{true};
-    comm::ReplyHandOff handOff(dealFlag, comm::ReplyHandOff::Gate::DealFlag);
-    comm::HandOffReplyActions actions(handOff);
+    comm::ReceiveQueueSink sink(&dealFlag);
     const QByteArray block = replies::blockBytes(129);
     {
         // Returns while the queue lock is held here: the combination runs elsewhere.
         std::unique_lock<std::mutex> held(CmdDealModule::receiveHexCmdlock);
-        actions.combineBlock(block, replies::reply(0x22, 0, 0x77, 0x23, 0, 0x81, 0));
-        actions.queueReply(ProtocolData());
+        sink.deliverCombinedDetached(block, replies::reply(0x22, 0, 0x77, 0x23, 0, 0x81, 0),
+                                     &comm::combineReplyWithBlock);
+        sink.deliverDetached(ProtocolData());
         QCOMPARE(CmdDealModule::receivequeueHexCmd.size(), size_t(0));
     }
-    handOff.waitForDetachedWork();
+    sink.waitForDetachedWork();
     QCOMPARE(testqueue::length(), size_t(2));
-    actions.deliverReplyNow(ProtocolData());
+    sink.deliverNow(ProtocolData());
     QCOMPARE(testqueue::length(), size_t(3));
 }
 
@@ -490,8 +477,8 @@ void TestDatagramReplyParser::recordCarriesSenderLinkAndDeviceType()
 {
     ParserFixture fixture;
     fixture.take("[R0100000000000001]");
-    QCOMPARE(fixture.actions.queued.size(), 1);
-    const ProtocolData &record = fixture.actions.queued.first();
+    QCOMPARE(fixture.sink.queued.size(), 1);
+    const ProtocolData &record = fixture.sink.queued.first();
     QCOMPARE(record.hostText, QStringLiteral("10.1.2.3"));
     QCOMPARE(record.sourceText, QStringLiteral("10.1.2.3"));
     QCOMPARE(record.linkByte, quint8(0));
@@ -513,19 +500,19 @@ void TestDatagramReplyParser::queueRowIsQueued()
 {
     ParserFixture fixture;
     fixture.take(replies::reply(0x05, 0, 0x8B, 0x06, 0, 0, 0));
-    QCOMPARE(fixture.actions.queued.size(), 1);
-    QCOMPARE(fixture.actions.queued.first().paramBytes[2], quint8(0x06));
-    QVERIFY(fixture.actions.delivered.isEmpty());
-    QVERIFY(fixture.actions.combines.isEmpty());
+    QCOMPARE(fixture.sink.queued.size(), 1);
+    QCOMPARE(fixture.sink.queued.first().paramBytes[2], quint8(0x06));
+    QVERIFY(fixture.sink.delivered.isEmpty());
+    QVERIFY(fixture.sink.combines.isEmpty());
 }
 
 void TestDatagramReplyParser::deliverRowIsDeliveredAtOnce()
 {
     ParserFixture fixture;
     fixture.take(replies::reply(0x05, 0, 0x79, 0x13, 0, 0, 0));
-    QCOMPARE(fixture.actions.delivered.size(), 1);
-    QCOMPARE(fixture.actions.delivered.first().hostText, QStringLiteral("10.1.2.3"));
-    QVERIFY(fixture.actions.queued.isEmpty());
+    QCOMPARE(fixture.sink.delivered.size(), 1);
+    QCOMPARE(fixture.sink.delivered.first().hostText, QStringLiteral("10.1.2.3"));
+    QVERIFY(fixture.sink.queued.isEmpty());
 }
 
 void TestDatagramReplyParser::holdRowIsHeldWithoutTouchingBlockData()
@@ -536,9 +523,9 @@ void TestDatagramReplyParser::holdRowIsHeldWithoutTouchingBlockData()
     fixture.take(held);
     QCOMPARE(fixture.pendingStdReply, held);
     QCOMPARE(fixture.blockBuffer, QByteArray("gathered"));
-    QVERIFY(fixture.actions.queued.isEmpty());
-    QVERIFY(fixture.actions.delivered.isEmpty());
-    QVERIFY(fixture.actions.combines.isEmpty());
+    QVERIFY(fixture.sink.queued.isEmpty());
+    QVERIFY(fixture.sink.delivered.isEmpty());
+    QVERIFY(fixture.sink.combines.isEmpty());
 }
 
 void TestDatagramReplyParser::heldReplyWaitsForAnnouncedBytesThenCombines()
@@ -549,12 +536,12 @@ void TestDatagramReplyParser::heldReplyWaitsForAnnouncedBytesThenCombines()
     const QByteArray second = replies::blockBytes(60, 100);
     fixture.take(held);
     fixture.take(first);
-    QVERIFY(fixture.actions.combines.isEmpty());
+    QVERIFY(fixture.sink.combines.isEmpty());
     QCOMPARE(fixture.blockBuffer, first);
     fixture.take(second);
-    QCOMPARE(fixture.actions.combines.size(), 1);
-    QCOMPARE(fixture.actions.combines.first().first, first + second);
-    QCOMPARE(fixture.actions.combines.first().second, held);
+    QCOMPARE(fixture.sink.combines.size(), 1);
+    QCOMPARE(fixture.sink.combines.first().first, first + second);
+    QCOMPARE(fixture.sink.combines.first().second, held);
     QVERIFY(fixture.pendingStdReply.isEmpty());
     QVERIFY(fixture.blockBuffer.isEmpty());
 
@@ -570,12 +557,12 @@ void TestDatagramReplyParser::longFixedRowCombinesOnceAnnouncedLengthIsIn()
     const QByteArray held = replies::reply(0x05, 0, 0x8B, 0x05, 0, 0x00, 0x01);
     fixture.take(held);
     fixture.take(replies::blockBytes(200));
-    QVERIFY(fixture.actions.combines.isEmpty());
+    QVERIFY(fixture.sink.combines.isEmpty());
     fixture.take(replies::blockBytes(55));
-    QVERIFY(fixture.actions.combines.isEmpty());
+    QVERIFY(fixture.sink.combines.isEmpty());
     fixture.take(replies::blockBytes(1));
-    QCOMPARE(fixture.actions.combines.size(), 1);
-    const auto record = comm::combineReplyWithBlock(fixture.actions.combines.first().first, held);
+    QCOMPARE(fixture.sink.combines.size(), 1);
+    const auto record = comm::combineReplyWithBlock(fixture.sink.combines.first().first, held);
     QVERIFY(record.has_value());
     QCOMPARE(record->payload.size(), 145);
 }
@@ -586,8 +573,8 @@ void TestDatagramReplyParser::zeroLengthHeldReplyCompletesOnFirstBlock()
     const QByteArray held = replies::reply(0x05, 0, 0x8E, 0x27, 0, 0, 0);
     fixture.take(held);
     fixture.take(replies::blockBytes(5));
-    QCOMPARE(fixture.actions.combines.size(), 1);
-    QVERIFY(!comm::combineReplyWithBlock(fixture.actions.combines.first().first, held));
+    QCOMPARE(fixture.sink.combines.size(), 1);
+    QVERIFY(!comm::combineReplyWithBlock(fixture.sink.combines.first().first, held));
 }
 
 void TestDatagramReplyParser::negativeLengthHeldReplyCompletesOnFirstBlock()
@@ -596,8 +583,8 @@ void TestDatagramReplyParser::negativeLengthHeldReplyCompletesOnFirstBlock()
     const QByteArray held = replies::reply(0x05, 0, 0xF1, 0x02, 0, 0x00, 0x80);
     fixture.take(held);
     fixture.take(replies::blockBytes(5));
-    QCOMPARE(fixture.actions.combines.size(), 1);
-    QVERIFY(!comm::combineReplyWithBlock(fixture.actions.combines.first().first, held));
+    QCOMPARE(fixture.sink.combines.size(), 1);
+    QVERIFY(!comm::combineReplyWithBlock(fixture.sink.combines.first().first, held));
     QVERIFY(fixture.pendingStdReply.isEmpty());
 }
 
@@ -612,11 +599,11 @@ void TestDatagramReplyParser::secondHeldReplyReplacesFirstAndKeepsGatheredBytes(
     QCOMPARE(fixture.pendingStdReply, secondHeld);
     QCOMPARE(fixture.blockBuffer.size(), 100);
     fixture.take(replies::blockBytes(100, 100)); // 200: enough for the first, not for the second
-    QVERIFY(fixture.actions.combines.isEmpty());
+    QVERIFY(fixture.sink.combines.isEmpty());
     fixture.take(replies::blockBytes(56, 200));
-    QCOMPARE(fixture.actions.combines.size(), 1);
-    QCOMPARE(fixture.actions.combines.first().first, replies::blockBytes(256));
-    QCOMPARE(fixture.actions.combines.first().second, secondHeld);
+    QCOMPARE(fixture.sink.combines.size(), 1);
+    QCOMPARE(fixture.sink.combines.first().first, replies::blockBytes(256));
+    QCOMPARE(fixture.sink.combines.first().second, secondHeld);
 }
 
 void TestDatagramReplyParser::rejectedBlockDatagramsLogThreeLinesInOrder_data()
@@ -648,9 +635,9 @@ void TestDatagramReplyParser::strayBlockWhileIdleIsCombinedWithEmptyHeldReply()
     fixture.take("stray");
     // The block datagram itself, then the empty held reply, fail the size check.
     QCOMPARE(log.lines(), (QStringList{"Recv data:stray", "host ip:10.1.2.3", kSizeLine, kSizeLine}));
-    QCOMPARE(fixture.actions.combines.size(), 1);
-    QCOMPARE(fixture.actions.combines.first().first, QByteArray("stray"));
-    QVERIFY(fixture.actions.combines.first().second.isEmpty());
+    QCOMPARE(fixture.sink.combines.size(), 1);
+    QCOMPARE(fixture.sink.combines.first().first, QByteArray("stray"));
+    QVERIFY(fixture.sink.combines.first().second.isEmpty());
     QVERIFY(fixture.blockBuffer.isEmpty());
     QVERIFY(fixture.pendingStdReply.isEmpty());
 }
@@ -693,9 +680,9 @@ void TestDatagramReplyParser::randomDatagramsKeepHeldStateConsistent()
             QVERIFY(fixture.blockBuffer.size() < comm::combineTwoByte(held.paramBytes[4], held.paramBytes[5]));
         }
     }
-    QVERIFY(!fixture.actions.combines.isEmpty());
-    QVERIFY(!fixture.actions.queued.isEmpty());
-    QVERIFY(!fixture.actions.delivered.isEmpty());
+    QVERIFY(!fixture.sink.combines.isEmpty());
+    QVERIFY(!fixture.sink.queued.isEmpty());
+    QVERIFY(!fixture.sink.delivered.isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestDatagramReplyParser)

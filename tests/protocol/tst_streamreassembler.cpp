@@ -8,7 +8,7 @@
 #include "LogCapture.h"
 #include "ReceiveQueue.h"
 #include "ReplyFrames.h"
-#include "ReplyHandOff.h"
+#include "RecordingSink.h"
 #include "StreamReassembler.h"
 
 using comm::StreamReassemblyConfig;
@@ -24,12 +24,10 @@ const auto kDeviceType = static_cast<ModulelEnum::DeviceType>(0x01020304);
 struct Rig
 {
     explicit Rig(StreamReassemblyConfig config)
-        : handOff(dealFlag, comm::ReplyHandOff::Gate::Always)
-        , reassembler(std::move(config), handOff, [this](int ms) { slept(ms); })
+        : reassembler(std::move(config), sink, [this](int ms) { slept(ms); })
     {
         reassembler.setDeviceType(kDeviceType);
     }
-    ~Rig() { handOff.waitForDetachedWork(); }
 
     void slept(int ms)
     {
@@ -38,15 +36,10 @@ struct Rig
             onSleep(static_cast<int>(sleeps.size()));
     }
 
-    // One worker turn; returns once the records it handed off are queued.
-    void turn()
-    {
-        reassembler.dealTurn();
-        handOff.waitForDetachedWork();
-    }
+    // One worker turn; the records it hands over are queued before it returns.
+    void turn() { reassembler.dealTurn(); }
 
-    std::atomic<bool> dealFlag{true};
-    comm::ReplyHandOff handOff;
+    RecordingSink sink{RecordingSink::Forward::ToReceiveQueue};
     std::vector<int> sleeps;
     std::function<void(int sleepCount)> onSleep;
     comm::StreamReassembler reassembler;
@@ -80,12 +73,12 @@ private slots:
     void cleanupTestCase() { testqueue::reset(); }
 
     // Buffer operations.
-    void getBuffDataCopiesFrontWithoutRemoving();
-    void getBuffDataReturnsWhatIsThereWhenShort();
-    void takeBuffDataRemovesFront();
-    void takeBuffDataMoreThanPresentEmptiesBuffer();
-    void takeBuffDataZeroChangesNothing();
-    void clearBuffDataEmptiesBuffer();
+    void peekCopiesFrontWithoutRemoving();
+    void peekReturnsWhatIsThereWhenShort();
+    void takeRemovesFront();
+    void takeMoreThanPresentEmptiesBuffer();
+    void takeZeroChangesNothing();
+    void clearEmptiesBuffer();
     void concurrentAppendAndTakeKeepEveryByteInOrder();
 
     // Serial turns.
@@ -119,13 +112,12 @@ private slots:
     void blockRecordIsQueuedInline();
 
     // Operations called directly.
-    void getArrayDataReadsBadPairAsZero();
-    void getArrayDataNegativeCheckPairNeverMatches();
-    void getArrayDataLeavesOutputUnchangedOnMismatch();
-    void getArrayDataDoesNotExamineBrackets();
-    void checkCMDRejectsShortFrame();
-    void checkBlockOfLengthZeroQueuesWithoutReading();
-    void addToReceivedQueueQueuesEvenWithDealFlagFalse();
+    void decodeFrameReadsBadPairAsZero();
+    void decodeFrameNegativeCheckPairNeverMatches();
+    void decodeFrameLeavesOutputUnchangedOnMismatch();
+    void decodeFrameDoesNotExamineBrackets();
+    void takeFrameRejectsShortFrame();
+    void takeBlockOfLengthZeroQueuesWithoutReading();
 
     // Worker loop.
     void runWithRunFlagFalseSetsExitedWithoutTurning();
@@ -142,53 +134,53 @@ private slots:
     void usbCheckBlockKeepsCallersSourceText();
 };
 
-void TestStreamReassembler::getBuffDataCopiesFrontWithoutRemoving()
+void TestStreamReassembler::peekCopiesFrontWithoutRemoving()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData("abc");
-    rig.reassembler.appendBuffData("def");
-    QCOMPARE(rig.reassembler.getBuffData(4), QByteArray("abcd"));
-    QCOMPARE(rig.reassembler.buffData(), QByteArray("abcdef"));
+    rig.reassembler.append("abc");
+    rig.reassembler.append("def");
+    QCOMPARE(rig.reassembler.peek(4), QByteArray("abcd"));
+    QCOMPARE(rig.reassembler.contents(), QByteArray("abcdef"));
 }
 
-void TestStreamReassembler::getBuffDataReturnsWhatIsThereWhenShort()
+void TestStreamReassembler::peekReturnsWhatIsThereWhenShort()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    QCOMPARE(rig.reassembler.getBuffData(5), QByteArray());
-    rig.reassembler.appendBuffData("ab");
-    QCOMPARE(rig.reassembler.getBuffData(5), QByteArray("ab"));
+    QCOMPARE(rig.reassembler.peek(5), QByteArray());
+    rig.reassembler.append("ab");
+    QCOMPARE(rig.reassembler.peek(5), QByteArray("ab"));
 }
 
-void TestStreamReassembler::takeBuffDataRemovesFront()
+void TestStreamReassembler::takeRemovesFront()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData("abcdef");
-    QCOMPARE(rig.reassembler.takeBuffData(2), QByteArray("ab"));
-    QCOMPARE(rig.reassembler.buffData(), QByteArray("cdef"));
+    rig.reassembler.append("abcdef");
+    QCOMPARE(rig.reassembler.take(2), QByteArray("ab"));
+    QCOMPARE(rig.reassembler.contents(), QByteArray("cdef"));
 }
 
-void TestStreamReassembler::takeBuffDataMoreThanPresentEmptiesBuffer()
+void TestStreamReassembler::takeMoreThanPresentEmptiesBuffer()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData("abc");
-    QCOMPARE(rig.reassembler.takeBuffData(10), QByteArray("abc"));
-    QCOMPARE(rig.reassembler.buffData(), QByteArray());
+    rig.reassembler.append("abc");
+    QCOMPARE(rig.reassembler.take(10), QByteArray("abc"));
+    QCOMPARE(rig.reassembler.contents(), QByteArray());
 }
 
-void TestStreamReassembler::takeBuffDataZeroChangesNothing()
+void TestStreamReassembler::takeZeroChangesNothing()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData("abc");
-    QCOMPARE(rig.reassembler.takeBuffData(0), QByteArray());
-    QCOMPARE(rig.reassembler.buffData(), QByteArray("abc"));
+    rig.reassembler.append("abc");
+    QCOMPARE(rig.reassembler.take(0), QByteArray());
+    QCOMPARE(rig.reassembler.contents(), QByteArray("abc"));
 }
 
-void TestStreamReassembler::clearBuffDataEmptiesBuffer()
+void TestStreamReassembler::clearEmptiesBuffer()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData("abc");
-    rig.reassembler.clearBuffData();
-    QCOMPARE(rig.reassembler.buffData(), QByteArray());
+    rig.reassembler.append("abc");
+    rig.reassembler.clear();
+    QCOMPARE(rig.reassembler.contents(), QByteArray());
 }
 
 void TestStreamReassembler::concurrentAppendAndTakeKeepEveryByteInOrder()
@@ -202,15 +194,15 @@ void TestStreamReassembler::concurrentAppendAndTakeKeepEveryByteInOrder()
         sent += char(i % 251);
     std::thread producer([&] {
         for (int offset = 0, chunk = 1; offset < kTotal; offset += chunk, chunk = chunk % 13 + 1)
-            rig.reassembler.appendBuffData(sent.mid(offset, chunk));
+            rig.reassembler.append(sent.mid(offset, chunk));
     });
     QByteArray received;
     QElapsedTimer timer;
     timer.start();
     for (int round = 0; round < 400000 && received.size() < kTotal && timer.elapsed() < 20000; ++round) {
-        if (rig.reassembler.getBuffData(5).isEmpty())
+        if (rig.reassembler.peek(5).isEmpty())
             std::this_thread::sleep_for(std::chrono::microseconds(50));
-        received += rig.reassembler.takeBuffData(7);
+        received += rig.reassembler.take(7);
     }
     producer.join();
     QCOMPARE(received.size(), kTotal);
@@ -229,10 +221,10 @@ void TestStreamReassembler::fewerThanNineteenBytesAreLeftUntouched()
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
     const QByteArray bytes = "xy" + frame({1, 2, 3, 4, 5, 6, 7}).left(16); // 18 bytes, garbage first
-    rig.reassembler.appendBuffData(bytes);
+    rig.reassembler.append(bytes);
     for (int i = 0; i < 3; ++i)
         rig.turn();
-    QCOMPARE(rig.reassembler.buffData(), bytes);
+    QCOMPARE(rig.reassembler.contents(), bytes);
     QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(log.lines(), QStringList());
 }
@@ -242,11 +234,11 @@ void TestStreamReassembler::twoStrayBytesBeforeFrameAreDroppedSilently()
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
     const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6});
-    rig.reassembler.appendBuffData("\x13\x37" + reply);
+    rig.reassembler.append("\x13\x37" + reply);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().commandByte, quint8(0x5A));
-    QCOMPARE(rig.reassembler.buffData(), QByteArray());
+    QCOMPARE(rig.reassembler.contents(), QByteArray());
     QCOMPARE(log.lines(), QStringList{recvLine(reply)});
 }
 
@@ -254,7 +246,7 @@ void TestStreamReassembler::allZeroFrameYieldsRecordWithCommandZero()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData("[R0000000000000000]");
+    rig.reassembler.append("[R0000000000000000]");
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     const ProtocolData record = testqueue::records().front();
@@ -268,7 +260,7 @@ void TestStreamReassembler::recordCarriesLinkOneSourceTextAndDeviceType()
 {
     Rig rig(StreamReassemblyConfig::serial());
     rig.reassembler.setSourceText(QStringLiteral("ttyS7"));
-    rig.reassembler.appendBuffData(frame({0xA0, 0xFF, 0x00, 0x10, 0x20, 0x30, 0x40}));
+    rig.reassembler.append(frame({0xA0, 0xFF, 0x00, 0x10, 0x20, 0x30, 0x40}));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     const ProtocolData record = testqueue::records().front();
@@ -296,9 +288,9 @@ void TestStreamReassembler::lowerCaseDigitsDecodeLikeUpperCase()
 {
     Rig rig(StreamReassemblyConfig::serial());
     const std::array<quint8, 7> bytes{0xAB, 0xCD, 0xEF, 0xFA, 0xBC, 0xDE, 0x0F};
-    rig.reassembler.appendBuffData(frame(bytes, -1, replyframes::Case::Upper));
+    rig.reassembler.append(frame(bytes, -1, replyframes::Case::Upper));
     rig.turn();
-    rig.reassembler.appendBuffData(frame(bytes, -1, replyframes::Case::Lower));
+    rig.reassembler.append(frame(bytes, -1, replyframes::Case::Lower));
     rig.turn();
     const std::vector<ProtocolData> records = testqueue::records();
     QCOMPARE(records.size(), size_t(2));
@@ -314,13 +306,13 @@ void TestStreamReassembler::frameSplitAcrossReadsIsRecognisedOnceComplete()
 {
     Rig rig(StreamReassemblyConfig::serial());
     const QByteArray reply = frame({7, 6, 5, 4, 3, 2, 1});
-    rig.reassembler.appendBuffData(reply.left(5));
+    rig.reassembler.append(reply.left(5));
     rig.turn();
-    rig.reassembler.appendBuffData(reply.mid(5, 13));
+    rig.reassembler.append(reply.mid(5, 13));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(0));
-    QCOMPARE(rig.reassembler.buffData(), reply.left(18));
-    rig.reassembler.appendBuffData(reply.mid(18));
+    QCOMPARE(rig.reassembler.contents(), reply.left(18));
+    rig.reassembler.append(reply.mid(18));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().commandByte, quint8(7));
@@ -332,12 +324,12 @@ void TestStreamReassembler::wrongCheckByteLogsDigitsAndDropsBracket()
     Rig rig(StreamReassemblyConfig::serial());
     const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6}, 0x70);
     QCOMPARE(reply, QByteArray("[R5A01020304050670]"));
-    rig.reassembler.appendBuffData(reply);
+    rig.reassembler.append(reply);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(log.lines(), QStringList{QStringLiteral("PortSerial::getArrayData   dataStr==5A01020304050670")});
     // The rest of the frame is scanned again as data.
-    QCOMPARE(rig.reassembler.buffData(), reply.mid(1));
+    QCOMPARE(rig.reassembler.contents(), reply.mid(1));
 }
 
 void TestStreamReassembler::bracketNotFollowedByRIsDropped()
@@ -345,9 +337,9 @@ void TestStreamReassembler::bracketNotFollowedByRIsDropped()
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
     const QByteArray reply = frame({1, 1, 1, 1, 1, 1, 1});
-    rig.reassembler.appendBuffData("[X" + reply);
+    rig.reassembler.append("[X" + reply);
     rig.turn();
-    QCOMPARE(rig.reassembler.buffData(), "X" + reply);
+    QCOMPARE(rig.reassembler.contents(), "X" + reply);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(log.lines(), QStringList{recvLine(reply)});
@@ -359,9 +351,9 @@ void TestStreamReassembler::missingClosingBracketDropsOpeningBracket()
     Rig rig(StreamReassemblyConfig::serial());
     QByteArray broken = frame({1, 2, 3, 4, 5, 6, 7});
     broken[18] = ')';
-    rig.reassembler.appendBuffData(broken);
+    rig.reassembler.append(broken);
     rig.turn();
-    QCOMPARE(rig.reassembler.buffData(), broken.mid(1));
+    QCOMPARE(rig.reassembler.contents(), broken.mid(1));
     QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(log.lines(), QStringList());
 }
@@ -370,30 +362,30 @@ void TestStreamReassembler::snapshotWithoutBracketIsDiscarded()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData(QByteArray(40, 'z'));
+    rig.reassembler.append(QByteArray(40, 'z'));
     rig.turn();
-    QCOMPARE(rig.reassembler.buffData(), QByteArray());
+    QCOMPARE(rig.reassembler.contents(), QByteArray());
     QCOMPARE(log.lines(), QStringList());
 }
 
 void TestStreamReassembler::turnExaminesAtMost1024Bytes()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData(QByteArray(2000, 'z'));
+    rig.reassembler.append(QByteArray(2000, 'z'));
     rig.turn();
-    QCOMPARE(rig.reassembler.buffData(), QByteArray(976, 'z'));
+    QCOMPARE(rig.reassembler.contents(), QByteArray(976, 'z'));
     rig.turn();
-    QCOMPARE(rig.reassembler.buffData(), QByteArray());
+    QCOMPARE(rig.reassembler.contents(), QByteArray());
 }
 
 void TestStreamReassembler::bracketAtEndWaitsForNextByte()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData(QByteArray(20, 'z') + "[");
+    rig.reassembler.append(QByteArray(20, 'z') + "[");
     rig.turn();
-    QCOMPARE(rig.reassembler.buffData(), QByteArray("["));
-    QVERIFY(!rig.reassembler.isFindStdCmdPreFlag("["));
-    QCOMPARE(rig.reassembler.buffData(), QByteArray("["));
+    QCOMPARE(rig.reassembler.contents(), QByteArray("["));
+    QVERIFY(!rig.reassembler.skipToFrameStart("["));
+    QCOMPARE(rig.reassembler.contents(), QByteArray("["));
 }
 
 void TestStreamReassembler::oneFramePerTurn_data()
@@ -409,7 +401,7 @@ void TestStreamReassembler::oneFramePerTurn()
     QFETCH(bool, usb);
     QFETCH(int, turnSleep);
     Rig rig(usb ? StreamReassemblyConfig::usb() : StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData(frame({1, 0, 0, 0, 0, 0, 0}) + frame({2, 0, 0, 0, 0, 0, 0}));
+    rig.reassembler.append(frame({1, 0, 0, 0, 0, 0, 0}) + frame({2, 0, 0, 0, 0, 0, 0}));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     rig.turn();
@@ -423,7 +415,7 @@ void TestStreamReassembler::block79WithGoodCheckByteBecomesPayload()
     Rig rig(StreamReassemblyConfig::serial());
     rig.reassembler.setSourceText(QStringLiteral("ttyUSB0"));
     const QByteArray reply = blockFrame(0x79, 3);
-    rig.reassembler.appendBuffData(reply + QByteArray("\x01\x02\x03", 3));
+    rig.reassembler.append(reply + QByteArray("\x01\x02\x03", 3));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     const ProtocolData record = testqueue::records().front();
@@ -432,7 +424,7 @@ void TestStreamReassembler::block79WithGoodCheckByteBecomesPayload()
     QCOMPARE(record.sourceText, QStringLiteral("ttyUSB0"));
     QCOMPARE(record.deviceType, kDeviceType);
     QCOMPARE(record.paramBytes[1], quint8(0x79));
-    QCOMPARE(rig.reassembler.buffData(), QByteArray());
+    QCOMPARE(rig.reassembler.contents(), QByteArray());
     QCOMPARE(log.lines(), QStringList{recvLine(reply)});
     QCOMPARE(rig.sleeps, std::vector<int>{3}); // the block was there: no wait
 }
@@ -442,20 +434,20 @@ void TestStreamReassembler::block79WithBadCheckByteLogsCheckBlockDefault()
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
     const QByteArray reply = blockFrame(0x79, 3);
-    rig.reassembler.appendBuffData(reply + QByteArray("\x01\x02\x04", 3));
+    rig.reassembler.append(reply + QByteArray("\x01\x02\x04", 3));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(0));
     // The frame text, one blank, then the failure text, all on one line.
     QCOMPARE(log.lines(), QStringList{recvLine(reply) + QStringLiteral(" CheckBlock default:")});
     QCOMPARE(log.lines().front(), QStringLiteral("Recv data:[R31007900000300AD] CheckBlock default:"));
-    QCOMPARE(rig.reassembler.buffData(), QByteArray()); // the block bytes are gone
+    QCOMPARE(rig.reassembler.contents(), QByteArray()); // the block bytes are gone
 }
 
 void TestStreamReassembler::block8EWith27AnnouncesBlock()
 {
     Rig rig(StreamReassemblyConfig::serial());
     const QByteArray block = blockWithCheckByte("\x10\x20");
-    rig.reassembler.appendBuffData(blockFrame(0x8E, 3, 0x27) + block);
+    rig.reassembler.append(blockFrame(0x8E, 3, 0x27) + block);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().payload, block);
@@ -467,11 +459,11 @@ void TestStreamReassembler::frame8EWithout27AnnouncesNoBlock()
     Rig rig(StreamReassemblyConfig::serial());
     const QByteArray reply = blockFrame(0x8E, 3, 0x26);
     const QByteArray next = frame({0x44, 0, 0, 0, 0, 0, 0});
-    rig.reassembler.appendBuffData(reply + "abc" + next);
+    rig.reassembler.append(reply + "abc" + next);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().payload, QByteArray());
-    QCOMPARE(rig.reassembler.buffData(), "abc" + next); // scanned as ordinary data
+    QCOMPARE(rig.reassembler.contents(), "abc" + next); // scanned as ordinary data
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(2));
     QCOMPARE(testqueue::records().back().commandByte, quint8(0x44));
@@ -483,12 +475,12 @@ void TestStreamReassembler::blockE1OfLengthZeroIsQueuedAtOnce()
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
     const QByteArray reply = blockFrame(0xE1, 0);
-    rig.reassembler.appendBuffData(reply + "xyz");
+    rig.reassembler.append(reply + "xyz");
     rig.reassembler.dealTurn(); // queued inline: no hand-off to wait for
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().payload, QByteArray());
     QCOMPARE(testqueue::records().front().linkByte, quint8(1));
-    QCOMPARE(rig.reassembler.buffData(), QByteArray("xyz"));
+    QCOMPARE(rig.reassembler.contents(), QByteArray("xyz"));
     QCOMPARE(rig.sleeps, std::vector<int>{3});
     QCOMPARE(log.lines(), QStringList{recvLine(reply)});
 }
@@ -498,14 +490,14 @@ void TestStreamReassembler::blockNeverSentWaits150TimesThenLaterFramesWork()
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
     const QByteArray reply = blockFrame(0x79, 3);
-    rig.reassembler.appendBuffData(reply);
+    rig.reassembler.append(reply);
     rig.turn();
     QCOMPARE(rig.sleeps, repeated(3, 4, 150)); // about 600 ms
     QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(log.lines(), QStringList{recvLine(reply) + QStringLiteral(" CheckBlock default:")});
 
     const QByteArray later = frame({0x22, 0, 0, 0, 0, 0, 0});
-    rig.reassembler.appendBuffData(later);
+    rig.reassembler.append(later);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().commandByte, quint8(0x22));
@@ -514,20 +506,20 @@ void TestStreamReassembler::blockNeverSentWaits150TimesThenLaterFramesWork()
 void TestStreamReassembler::partialBlockIsNotConsumedWhenWaitFails()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData(blockFrame(0x79, 3) + "\x01\x02");
+    rig.reassembler.append(blockFrame(0x79, 3) + "\x01\x02");
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(0));
-    QCOMPARE(rig.reassembler.buffData(), QByteArray("\x01\x02"));
+    QCOMPARE(rig.reassembler.contents(), QByteArray("\x01\x02"));
 }
 
 void TestStreamReassembler::blockArrivingDuringWaitIsTaken()
 {
     Rig rig(StreamReassemblyConfig::serial());
     const QByteArray block = blockWithCheckByte("\x05\x06\x07");
-    rig.reassembler.appendBuffData(blockFrame(0x79, 4) + block.left(1));
+    rig.reassembler.append(blockFrame(0x79, 4) + block.left(1));
     rig.onSleep = [&](int count) {
         if (count == 11) // the turn sleep, then ten block-wait sleeps
-            rig.reassembler.appendBuffData(block.mid(1));
+            rig.reassembler.append(block.mid(1));
     };
     rig.turn();
     QCOMPARE(rig.sleeps, repeated(3, 4, 10));
@@ -542,7 +534,7 @@ void TestStreamReassembler::blockLongerThanSnapshotIsReadWhole()
     for (int i = 0; i < 1499; ++i)
         bytes += char(i * 7);
     const QByteArray block = blockWithCheckByte(bytes);
-    rig.reassembler.appendBuffData(blockFrame(0x79, 1500) + block);
+    rig.reassembler.append(blockFrame(0x79, 1500) + block);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().payload, block);
@@ -551,11 +543,11 @@ void TestStreamReassembler::blockLongerThanSnapshotIsReadWhole()
 void TestStreamReassembler::blockOfOneByteNeedsCheckByteZero()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData(blockFrame(0x79, 1) + QByteArray(1, '\0'));
+    rig.reassembler.append(blockFrame(0x79, 1) + QByteArray(1, '\0'));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().payload, QByteArray(1, '\0'));
-    rig.reassembler.appendBuffData(blockFrame(0x79, 1) + QByteArray(1, '\x01'));
+    rig.reassembler.append(blockFrame(0x79, 1) + QByteArray(1, '\x01'));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
 }
@@ -563,90 +555,82 @@ void TestStreamReassembler::blockOfOneByteNeedsCheckByteZero()
 void TestStreamReassembler::blockRecordIsQueuedInline()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData(blockFrame(0x79, 2) + blockWithCheckByte("\x09"));
+    rig.reassembler.append(blockFrame(0x79, 2) + blockWithCheckByte("\x09"));
     rig.reassembler.dealTurn();
-    QCOMPARE(rig.handOff.detachedWorkRunning(), 0);
+    QCOMPARE(rig.sink.delivered.size(), 1);
+    QVERIFY(rig.sink.queued.isEmpty());
     QCOMPARE(testqueue::length(), size_t(1));
 }
 
-void TestStreamReassembler::getArrayDataReadsBadPairAsZero()
+void TestStreamReassembler::decodeFrameReadsBadPairAsZero()
 {
     Rig rig(StreamReassemblyConfig::serial());
     ProtocolData out;
     // B1 is "zz": it counts as 0, so the check byte 0x05 covers B0 = 5 alone.
-    QVERIFY(rig.reassembler.getArrayData("[R05zz000000000005]", &out));
+    QVERIFY(rig.reassembler.decodeFrame("[R05zz000000000005]", &out));
     QCOMPARE(out.commandByte, quint8(5));
     QCOMPARE(out.paramBytes[0], quint8(0));
     QCOMPARE(out.checksumByte, quint8(5));
 }
 
-void TestStreamReassembler::getArrayDataNegativeCheckPairNeverMatches()
+void TestStreamReassembler::decodeFrameNegativeCheckPairNeverMatches()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
     ProtocolData out;
     // B0..B6 sum to 0xFF, yet "-1" converts to -1, which is not 255.
-    QVERIFY(!rig.reassembler.getArrayData("[RFF000000000000-1]", &out));
+    QVERIFY(!rig.reassembler.decodeFrame("[RFF000000000000-1]", &out));
     QCOMPARE(log.lines(), QStringList{QStringLiteral("PortSerial::getArrayData   dataStr==FF000000000000-1")});
 }
 
-void TestStreamReassembler::getArrayDataLeavesOutputUnchangedOnMismatch()
+void TestStreamReassembler::decodeFrameLeavesOutputUnchangedOnMismatch()
 {
     Rig rig(StreamReassemblyConfig::serial());
     ProtocolData out;
     out.commandByte = 0x77;
     out.sourceText = QStringLiteral("kept");
-    QVERIFY(!rig.reassembler.getArrayData(frame({1, 2, 3, 4, 5, 6, 7}, 0), &out));
+    QVERIFY(!rig.reassembler.decodeFrame(frame({1, 2, 3, 4, 5, 6, 7}, 0), &out));
     QCOMPARE(out.commandByte, quint8(0x77));
     QCOMPARE(out.sourceText, QStringLiteral("kept"));
 }
 
-void TestStreamReassembler::getArrayDataDoesNotExamineBrackets()
+void TestStreamReassembler::decodeFrameDoesNotExamineBrackets()
 {
     Rig rig(StreamReassemblyConfig::serial());
     ProtocolData out;
     out.sourceText = QStringLiteral("replaced");
-    QVERIFY(rig.reassembler.getArrayData("xx5A0102030405066Fy", &out));
+    QVERIFY(rig.reassembler.decodeFrame("xx5A0102030405066Fy", &out));
     QCOMPARE(out.commandByte, quint8(0x5A));
     QCOMPARE(out.checksumByte, quint8(0x6F));
     QCOMPARE(out.sourceText, QString()); // all else as default-constructed
 }
 
-void TestStreamReassembler::checkCMDRejectsShortFrame()
+void TestStreamReassembler::takeFrameRejectsShortFrame()
 {
     Rig rig(StreamReassemblyConfig::serial());
     const QByteArray reply = frame({1, 2, 3, 4, 5, 6, 7});
-    rig.reassembler.appendBuffData(reply);
-    QVERIFY(!rig.reassembler.checkCMD(reply.left(18)));
-    QCOMPARE(rig.reassembler.buffData(), reply);
-    QVERIFY(rig.reassembler.checkCMD(reply + "trailing bytes are not part of the frame"));
-    QCOMPARE(rig.reassembler.buffData(), QByteArray());
+    rig.reassembler.append(reply);
+    QVERIFY(!rig.reassembler.takeFrame(reply.left(18)));
+    QCOMPARE(rig.reassembler.contents(), reply);
+    QVERIFY(rig.reassembler.takeFrame(reply + "trailing bytes are not part of the frame"));
+    QCOMPARE(rig.reassembler.contents(), QByteArray());
 }
 
-void TestStreamReassembler::checkBlockOfLengthZeroQueuesWithoutReading()
+void TestStreamReassembler::takeBlockOfLengthZeroQueuesWithoutReading()
 {
     Rig rig(StreamReassemblyConfig::serial());
     rig.reassembler.setSourceText(QStringLiteral("ttyS0"));
-    rig.reassembler.appendBuffData("untouched");
+    rig.reassembler.append("untouched");
     ProtocolData record;
     record.commandByte = 9;
     record.payload = "stale";
-    QVERIFY(rig.reassembler.checkBlock(record, 0));
-    QCOMPARE(rig.reassembler.buffData(), QByteArray("untouched"));
+    QVERIFY(rig.reassembler.takeBlock(record, 0));
+    QCOMPARE(rig.reassembler.contents(), QByteArray("untouched"));
     QVERIFY(rig.sleeps.empty());
     const ProtocolData queued = testqueue::records().front();
     QCOMPARE(queued.payload, QByteArray());
     QCOMPARE(queued.sourceText, QStringLiteral("ttyS0"));
     QCOMPARE(queued.commandByte, quint8(9));
-}
-
-void TestStreamReassembler::addToReceivedQueueQueuesEvenWithDealFlagFalse()
-{
-    Rig rig(StreamReassemblyConfig::serial());
-    rig.dealFlag = false;
-    rig.reassembler.addToReceivedQueue(ProtocolData());
-    QCOMPARE(testqueue::length(), size_t(1));
-    QVERIFY(testqueue::replyFlag());
 }
 
 void TestStreamReassembler::runWithRunFlagFalseSetsExitedWithoutTurning()
@@ -664,14 +648,13 @@ void TestStreamReassembler::runTurnsUntilRunFlagClearedThenSetsExited()
     Rig rig(StreamReassemblyConfig::serial());
     std::atomic<bool> runFlag{true};
     std::atomic<bool> exited{true};
-    rig.reassembler.appendBuffData(frame({1, 0, 0, 0, 0, 0, 0}) + frame({2, 0, 0, 0, 0, 0, 0}));
+    rig.reassembler.append(frame({1, 0, 0, 0, 0, 0, 0}) + frame({2, 0, 0, 0, 0, 0, 0}));
     rig.onSleep = [&](int count) {
         QVERIFY(!exited.load()); // cleared on entry
         if (count == 3)
             runFlag = false; // seen at the end of this third turn
     };
     rig.reassembler.run(runFlag, &exited);
-    rig.handOff.waitForDetachedWork();
     QVERIFY(exited.load());
     QCOMPARE(rig.sleeps, (std::vector<int>{3, 3, 3}));
     QCOMPARE(testqueue::length(), size_t(2));
@@ -701,7 +684,7 @@ void TestStreamReassembler::usbRecordCarriesLinkTwoAndUsb()
     LogCapture log;
     Rig rig(StreamReassemblyConfig::usb());
     const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6});
-    rig.reassembler.appendBuffData(reply);
+    rig.reassembler.append(reply);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     const ProtocolData record = testqueue::records().front();
@@ -719,7 +702,7 @@ void TestStreamReassembler::usbBlockAnnouncingFrameIsQueuedAtOnceWithEmptyPayloa
     Rig rig(StreamReassemblyConfig::usb());
     const QByteArray reply = blockFrame(0x79, 3);
     const QByteArray next = frame({0x44, 0, 0, 0, 0, 0, 0});
-    rig.reassembler.appendBuffData(reply + blockWithCheckByte("\x01\x02") + next);
+    rig.reassembler.append(reply + blockWithCheckByte("\x01\x02") + next);
     rig.turn();
     QCOMPARE(rig.sleeps, std::vector<int>{20}); // no block wait
     QCOMPARE(testqueue::length(), size_t(1));
@@ -733,12 +716,12 @@ void TestStreamReassembler::usbBlockAnnouncingFrameIsQueuedAtOnceWithEmptyPayloa
 void TestStreamReassembler::usbZeroBytesAfterFrameAreDroppedNextTurn()
 {
     Rig rig(StreamReassemblyConfig::usb());
-    rig.reassembler.appendBuffData(frame({3, 0, 0, 0, 0, 0, 0}) + QByteArray(45, '\0'));
+    rig.reassembler.append(frame({3, 0, 0, 0, 0, 0, 0}) + QByteArray(45, '\0'));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
-    QCOMPARE(rig.reassembler.buffData(), QByteArray(45, '\0'));
+    QCOMPARE(rig.reassembler.contents(), QByteArray(45, '\0'));
     rig.turn();
-    QCOMPARE(rig.reassembler.buffData(), QByteArray());
+    QCOMPARE(rig.reassembler.contents(), QByteArray());
     QCOMPARE(testqueue::length(), size_t(1));
 }
 
@@ -746,7 +729,7 @@ void TestStreamReassembler::usbWrongCheckByteLogsPortUsbLine()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::usb());
-    rig.reassembler.appendBuffData(frame({0x5A, 1, 2, 3, 4, 5, 6}, 0x70, replyframes::Case::Lower));
+    rig.reassembler.append(frame({0x5A, 1, 2, 3, 4, 5, 6}, 0x70, replyframes::Case::Lower));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(log.lines(), QStringList{QStringLiteral("PortUSB::getArrayData   dataStr==5a01020304050670")});
@@ -755,10 +738,10 @@ void TestStreamReassembler::usbWrongCheckByteLogsPortUsbLine()
 void TestStreamReassembler::usbCheckBlockWaits200TimesTwentyMilliseconds()
 {
     Rig rig(StreamReassemblyConfig::usb());
-    rig.reassembler.appendBuffData("\x01");
-    QVERIFY(!rig.reassembler.checkBlock(ProtocolData(), 2));
+    rig.reassembler.append("\x01");
+    QVERIFY(!rig.reassembler.takeBlock(ProtocolData(), 2));
     QCOMPARE(rig.sleeps, std::vector<int>(200, 20)); // about 4 s
-    QCOMPARE(rig.reassembler.buffData(), QByteArray("\x01"));
+    QCOMPARE(rig.reassembler.contents(), QByteArray("\x01"));
     QCOMPARE(testqueue::length(), size_t(0));
 }
 
@@ -766,13 +749,13 @@ void TestStreamReassembler::usbCheckBlockKeepsCallersSourceText()
 {
     Rig rig(StreamReassemblyConfig::usb());
     const QByteArray block = blockWithCheckByte("\x0A\x0B");
-    rig.reassembler.appendBuffData(block);
+    rig.reassembler.append(block);
     ProtocolData record;
     record.sourceText = QStringLiteral("as passed");
     record.commandByte = 0x12;
-    QVERIFY(rig.reassembler.checkBlock(record, 3));
+    QVERIFY(rig.reassembler.takeBlock(record, 3));
     ProtocolData empty;
-    QVERIFY(rig.reassembler.checkBlock(empty, 0));
+    QVERIFY(rig.reassembler.takeBlock(empty, 0));
     const std::vector<ProtocolData> records = testqueue::records();
     QCOMPARE(records.size(), size_t(2));
     QCOMPARE(records[0].sourceText, QStringLiteral("as passed"));
