@@ -177,7 +177,7 @@ void DatagramReplyParser::hold(const QByteArray &datagram)
     // Replaces a reply held earlier; block data gathered so far stays and
     // counts toward this one.
     std::lock_guard<std::mutex> guard(m_buffers.lock);
-    m_buffers.pendingStdReply = datagram;
+    m_buffers.heldReply = datagram;
 }
 
 void DatagramReplyParser::takeBlockData(const QByteArray &datagram)
@@ -185,7 +185,7 @@ void DatagramReplyParser::takeBlockData(const QByteArray &datagram)
     QByteArray heldReply;
     {
         std::lock_guard<std::mutex> guard(m_buffers.lock);
-        heldReply = m_buffers.pendingStdReply;
+        heldReply = m_buffers.heldReply;
     }
     // Parsed again here for its announced length; an empty held reply logs
     // its size and announces 0.
@@ -200,7 +200,7 @@ void DatagramReplyParser::takeBlockData(const QByteArray &datagram)
     }
     m_sink.deliverCombinedDetached(blockData, heldReply, &combineReplyWithBlock);
     std::lock_guard<std::mutex> guard(m_buffers.lock);
-    m_buffers.pendingStdReply.clear();
+    m_buffers.heldReply.clear();
     m_buffers.blockBuffer.clear();
 }
 

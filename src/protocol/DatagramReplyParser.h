@@ -61,7 +61,7 @@ std::optional<ProtocolData> combineReplyWithBlock(const QByteArray &blockData, c
 // them against that.
 struct HeldReplyBuffers {
     QByteArray &lastDatagram;    // the datagram read last
-    QByteArray &pendingStdReply; // the held reply datagram; empty while idle
+    QByteArray &heldReply;       // the held reply datagram; empty while idle
     QByteArray &blockBuffer;     // block data gathered for the held reply
     std::mutex &lock;
 };
