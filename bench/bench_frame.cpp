@@ -47,7 +47,7 @@ void BM_ProduceCmds_NoPayload(benchmark::State &state)
 {
     const ProtocolData record = sampleRecord(0);
     for (auto _ : state) {
-        QByteArray frame = comm::produceCmds(record);
+        QByteArray frame = comm::commandFrame(record);
         benchmark::DoNotOptimize(frame.data());
     }
 }
@@ -70,7 +70,7 @@ void BM_ProduceCmds_4KiBPayload(benchmark::State &state)
 {
     const ProtocolData record = sampleRecord(4096);
     for (auto _ : state) {
-        QByteArray frame = comm::produceCmds(record);
+        QByteArray frame = comm::commandFrame(record);
         benchmark::DoNotOptimize(frame.data());
     }
 }

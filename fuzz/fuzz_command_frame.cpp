@@ -45,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     record.checksumByte = data[7]; // whatever the caller left there must not matter
     record.payload = QByteArray(reinterpret_cast<const char *>(data + 8), int(size - 8));
 
-    const QByteArray frame = comm::produceCmds(record);
+    const QByteArray frame = comm::commandFrame(record);
     const std::string expected = referenceFrame(data, data + 8, size - 8);
     if (frame.size() != int(expected.size()) || std::string(frame.constData(), size_t(frame.size())) != expected) {
         std::fprintf(stderr, "frame differs from the plain encoder\n");

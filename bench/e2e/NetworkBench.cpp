@@ -338,7 +338,7 @@ void networkLatency(const Options &options, Figures &figures)
         throw SectionError("no loopback socket");
     Library library(device);
     PlainClient plain;
-    const QByteArray frame = comm::produceCmds(command());
+    const QByteArray frame = comm::commandFrame(command());
 
     Samples plainSamples, plainThreadSamples, deliverSamples, queueSamples, threadSamples;
     auto threadRan = std::make_shared<std::atomic<bool>>(false);
@@ -436,7 +436,7 @@ void networkRate(const Options &options, Figures &figures)
         threadRates.push_back(threadStartRate(threads));
         {
             PlainClient plain;
-            introduce(device, [&] { plain.send(comm::produceCmds(command()), device.port()); });
+            introduce(device, [&] { plain.send(comm::commandFrame(command()), device.port()); });
             plainRates.add(pacedRate(device, {{kQueueReply, 1}}, plainCount, [&] { return plain.received(); },
                                      [&] { return plain.lastReceived(); }));
         }
@@ -455,7 +455,7 @@ void networkRate(const Options &options, Figures &figures)
                     ++done->count;
                 }).detach();
             });
-            introduce(device, [&] { plain.send(comm::produceCmds(command()), device.port()); });
+            introduce(device, [&] { plain.send(comm::commandFrame(command()), device.port()); });
             plainThreadRates.add(pacedRate(device, {{kQueueReply, 1}}, queued, [&] { return done->count.load(); },
                                            [&] { return Clock::time_point(Clock::duration(done->last.load())); }));
         }

@@ -19,7 +19,7 @@ char *writeFrameHexText(char *out, const unsigned char *bytes, int count)
     return out;
 }
 
-QByteArray changeData(const QByteArray &bytes)
+QByteArray frameHexText(const QByteArray &bytes)
 {
     QByteArray text(3 + 2 * bytes.size(), Qt::Uninitialized);
     writeFrameHexText(text.data(), reinterpret_cast<const unsigned char *>(bytes.constData()), bytes.size());

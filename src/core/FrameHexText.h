@@ -11,6 +11,6 @@ char *writeFrameHexText(char *out, const unsigned char *bytes, int count);
 
 // Text form of a frame header, as writeFrameHexText writes it.
 // Always 3 + 2 * bytes.size() long.
-QByteArray changeData(const QByteArray &bytes);
+QByteArray frameHexText(const QByteArray &bytes);
 
 } // namespace comm

@@ -14,7 +14,7 @@ quint8 commandChecksum(const ProtocolData &record)
     return static_cast<quint8>(sum);
 }
 
-QByteArray produceCmds(const ProtocolData &record)
+QByteArray commandFrame(const ProtocolData &record)
 {
     const unsigned char header[8] = {record.commandByte,   record.paramBytes[0], record.paramBytes[1],
                                      record.paramBytes[2], record.paramBytes[3], record.paramBytes[4],

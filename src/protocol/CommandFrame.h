@@ -16,6 +16,6 @@ quint8 commandChecksum(const ProtocolData &record);
 // The command frame for one record: "[" "A", the command byte, the six
 // parameter bytes and their checksum as 16 lower-case hex digits, "]", then the
 // payload raw. The record itself is not changed.
-QByteArray produceCmds(const ProtocolData &record);
+QByteArray commandFrame(const ProtocolData &record);
 
 } // namespace comm

@@ -79,12 +79,12 @@ QByteArray StreamTransport::buffData() const
 
 QByteArray StreamTransport::produceCmds(ProtocolData record)
 {
-    return comm::produceCmds(record);
+    return comm::commandFrame(record);
 }
 
 QByteArray StreamTransport::changeData(QByteArray data)
 {
-    return comm::changeData(data);
+    return comm::frameHexText(data);
 }
 
 void StreamTransport::clearQueueDetached(CmdDealModule &module)

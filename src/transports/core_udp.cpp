@@ -293,12 +293,12 @@ void PortUDP::processInfoDisplayonUI(void *) {}
 
 QByteArray PortUDP::produceCmds(ProtocolData record)
 {
-    return comm::produceCmds(record);
+    return comm::commandFrame(record);
 }
 
 QByteArray PortUDP::changeData(QByteArray bytes)
 {
-    return comm::changeData(bytes);
+    return comm::frameHexText(bytes);
 }
 
 ProtocolData PortUDP::getArrayData(QByteArray datagram)

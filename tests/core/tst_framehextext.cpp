@@ -15,18 +15,18 @@ private slots:
 
 void TestFrameHexText::emptyInputYieldsBracketsAndLetter()
 {
-    QCOMPARE(comm::changeData(QByteArray()), QByteArray("[A]"));
+    QCOMPARE(comm::frameHexText(QByteArray()), QByteArray("[A]"));
 }
 
 void TestFrameHexText::nibblesWrittenLowerCaseWithoutSeparators()
 {
-    QCOMPARE(comm::changeData(QByteArray("\x00\x0f\xf0\xff", 4)), QByteArray("[A000ff0ff]"));
+    QCOMPARE(comm::frameHexText(QByteArray("\x00\x0f\xf0\xff", 4)), QByteArray("[A000ff0ff]"));
 }
 
 void TestFrameHexText::highBytesWrittenFromUnsignedValue()
 {
-    QCOMPARE(comm::changeData(QByteArray("\x9c", 1)), QByteArray("[A9c]"));
-    QCOMPARE(comm::changeData(QByteArray("\x80", 1)), QByteArray("[A80]"));
+    QCOMPARE(comm::frameHexText(QByteArray("\x9c", 1)), QByteArray("[A9c]"));
+    QCOMPARE(comm::frameHexText(QByteArray("\x80", 1)), QByteArray("[A80]"));
 }
 
 void TestFrameHexText::everyByteValueHasTwoDigits()
@@ -38,7 +38,7 @@ void TestFrameHexText::everyByteValueHasTwoDigits()
         expected.append(QByteArray::number(value, 16).rightJustified(2, '0'));
     }
     expected.append(']');
-    const QByteArray text = comm::changeData(all);
+    const QByteArray text = comm::frameHexText(all);
     QCOMPARE(text.size(), 3 + 2 * 256);
     QCOMPARE(text, expected);
 }

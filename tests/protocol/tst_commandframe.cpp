@@ -56,12 +56,12 @@ void TestCommandFrame::exampleFramesMatch()
     for (int i = 0; i < 6; ++i)
         record.paramBytes[i] = quint8(params[i]);
     QCOMPARE(int(comm::commandChecksum(record)), checksum);
-    QCOMPARE(comm::produceCmds(record), frame);
+    QCOMPARE(comm::commandFrame(record), frame);
 }
 
 void TestCommandFrame::allZeroRecordGivesNineteenCharacters()
 {
-    const QByteArray frame = comm::produceCmds(ProtocolData());
+    const QByteArray frame = comm::commandFrame(ProtocolData());
     QCOMPARE(frame.size(), 19);
     QCOMPARE(frame, QByteArray("[A0000000000000000]"));
 }
@@ -70,12 +70,12 @@ void TestCommandFrame::checksumWrapsAroundAt256()
 {
     const ProtocolData record = command(0xA0, {0xFF, 0x00, 0x10, 0x20, 0x30, 0x40});
     QCOMPARE(comm::commandChecksum(record), quint8(0x3F));
-    QCOMPARE(comm::produceCmds(record).mid(16, 2), QByteArray("3f"));
+    QCOMPARE(comm::commandFrame(record).mid(16, 2), QByteArray("3f"));
 }
 
 void TestCommandFrame::digitsAreLowerCase()
 {
-    const QByteArray frame = comm::produceCmds(command(0xFF, {0xFF, 0xAB, 0xCD, 0xEF, 0, 0}));
+    const QByteArray frame = comm::commandFrame(command(0xFF, {0xFF, 0xAB, 0xCD, 0xEF, 0, 0}));
     QCOMPARE(frame, QByteArray("[Affffabcdef000065]"));
     QCOMPARE(frame.mid(2, 16), frame.mid(2, 16).toLower());
 }
@@ -87,7 +87,7 @@ void TestCommandFrame::payloadFollowsHeaderRaw()
         payload[i] = char(i * 7);
     payload[10] = ']';
     payload[11] = '\0';
-    const QByteArray frame = comm::produceCmds(command(0x01, {2, 3, 4, 5, 6, 7}, payload));
+    const QByteArray frame = comm::commandFrame(command(0x01, {2, 3, 4, 5, 6, 7}, payload));
     QCOMPARE(frame.size(), 319);
     QCOMPARE(frame.left(19), QByteArray("[A010203040506071c]"));
     QCOMPARE(frame.mid(19), payload);
@@ -96,7 +96,7 @@ void TestCommandFrame::payloadFollowsHeaderRaw()
 void TestCommandFrame::payloadWithZeroAndHighBytesKeptExactly()
 {
     const QByteArray payload("\x00\x80\xff\x5d\x00", 5);
-    const QByteArray frame = comm::produceCmds(command(0, {0, 0, 0, 0, 0, 0}, payload));
+    const QByteArray frame = comm::commandFrame(command(0, {0, 0, 0, 0, 0, 0}, payload));
     QCOMPARE(frame, QByteArray("[A0000000000000000]") + payload);
 }
 
@@ -104,9 +104,9 @@ void TestCommandFrame::callerRecordUnchangedAndFrameRepeatable()
 {
     ProtocolData record = command(0x5A, {1, 2, 3, 4, 5, 6});
     record.checksumByte = 0x11;
-    const QByteArray first = comm::produceCmds(record);
+    const QByteArray first = comm::commandFrame(record);
     QCOMPARE(record.checksumByte, quint8(0x11));
-    QCOMPARE(comm::produceCmds(record), first);
+    QCOMPARE(comm::commandFrame(record), first);
     QCOMPARE(first, QByteArray("[A5a0102030405066f]"));
 }
 
@@ -116,7 +116,7 @@ void TestCommandFrame::checksumIgnoresPayloadAndReservedFields()
     record.leadingReserved[0] = 0x33;
     record.trailingReserved[6] = 0x44;
     record.checksumByte = 0x99;
-    QCOMPARE(comm::produceCmds(record), QByteArray("[A5a0102030405066f]abc"));
+    QCOMPARE(comm::commandFrame(record), QByteArray("[A5a0102030405066f]abc"));
 }
 
 QTEST_GUILESS_MAIN(TestCommandFrame)

@@ -49,7 +49,7 @@ ProtocolData numberedCommand(int sender, int seq)
 // The frame numberedCommand(sender, seq) is sent as.
 QByteArray numberedFrame(int sender, int seq)
 {
-    return comm::produceCmds(numberedCommand(sender, seq));
+    return comm::commandFrame(numberedCommand(sender, seq));
 }
 
 // Every frame that was sent, once each.

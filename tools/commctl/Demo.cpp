@@ -45,7 +45,7 @@ bool Demo::exchange(PortBase *port, const DemoCommand &command)
     record.commandByte = command.cmd;
     for (int i = 0; i < 6; ++i)
         record.paramBytes[i] = command.params[size_t(i)];
-    printOut(QStringLiteral("-> %1: %2").arg(QLatin1String(command.what), QString::fromLatin1(comm::produceCmds(record))));
+    printOut(QStringLiteral("-> %1: %2").arg(QLatin1String(command.what), QString::fromLatin1(comm::commandFrame(record))));
     void *parameters = &record;
     QMetaObject::invokeMethod(port, "sendDatatoDevice", Qt::DirectConnection, Q_ARG(void *, parameters));
     ++m_sent;
