@@ -7,13 +7,10 @@
 
 #include "LogCapture.h"
 #include "ReceiveQueue.h"
-#include "ReplyFrames.h"
 #include "ReplyHandOff.h"
 #include "StreamReassembler.h"
 
 using comm::StreamReassemblyConfig;
-using replyframes::blockWithCheckByte;
-using replyframes::frame;
 
 namespace {
 const auto kDeviceType = static_cast<ModulelEnum::DeviceType>(0x01020304);
@@ -64,11 +61,39 @@ QString recvLine(const QByteArray &frameBytes)
     return QStringLiteral("Recv data:") + QString::fromLatin1(frameBytes);
 }
 
-// Frame announcing a block of `length` bytes by B2 = b2 (and B3 = b3).
-QByteArray blockFrame(quint8 b2, unsigned short length, quint8 b3 = 0, quint8 command = 0x31)
-{
-    return frame({command, 0x00, b2, b3, 0x00, quint8(length & 0xFF), quint8(length >> 8)});
-}
+// Reply frames as the device sends them: "[" "R", then B0..B6 and the check
+// byte (the 8-bit sum of B0..B6) as hex digit pairs, then "]". Written out
+// here, not computed, so that a wrong sum in the reassembler cannot hide.
+
+// 01 02 03 04 05 06 07, check byte 1C.
+const QByteArray kOneToSeven = QByteArrayLiteral("[R010203040506071C]");
+// 5A 01 02 03 04 05 06, check byte 6F.
+const QByteArray kReply5A = QByteArrayLiteral("[R5A0102030405066F]");
+// Command 1, 2, 3, 0x22 and 0x44 with all parameters 0: the check byte is B0.
+const QByteArray kReply01 = QByteArrayLiteral("[R0100000000000001]");
+const QByteArray kReply02 = QByteArrayLiteral("[R0200000000000002]");
+const QByteArray kReply03 = QByteArrayLiteral("[R0300000000000003]");
+const QByteArray kReply22 = QByteArrayLiteral("[R2200000000000022]");
+const QByteArray kReply44 = QByteArrayLiteral("[R4400000000000044]");
+
+// Frames of command 0x31 announcing a block: B2 = 0x79 (or 0xE1, or 0x8E with
+// B3 = 0x27), the block length in B5 (low) and B6 (high).
+// 31 00 79 00 00 03 00: three bytes, check byte AD.
+const QByteArray kAnnounces79Of3 = QByteArrayLiteral("[R31007900000300AD]");
+// 31 00 79 00 00 01 00: one byte, check byte AB.
+const QByteArray kAnnounces79Of1 = QByteArrayLiteral("[R31007900000100AB]");
+// 31 00 79 00 00 02 00: two bytes, check byte AC.
+const QByteArray kAnnounces79Of2 = QByteArrayLiteral("[R31007900000200AC]");
+// 31 00 79 00 00 04 00: four bytes, check byte AE.
+const QByteArray kAnnounces79Of4 = QByteArrayLiteral("[R31007900000400AE]");
+// 31 00 79 00 00 DC 05: 1500 bytes, check byte 8B.
+const QByteArray kAnnounces79Of1500 = QByteArrayLiteral("[R3100790000DC058B]");
+// 31 00 8E 27 00 03 00: three bytes, check byte E9.
+const QByteArray kAnnounces8E27Of3 = QByteArrayLiteral("[R31008E27000300E9]");
+// 31 00 8E 26 00 03 00: B3 is not 0x27, so no block; check byte E8.
+const QByteArray kNoBlock8E26 = QByteArrayLiteral("[R31008E26000300E8]");
+// 31 00 E1 00 00 00 00: a block of length 0, check byte 12.
+const QByteArray kAnnouncesE1Of0 = QByteArrayLiteral("[R3100E10000000012]");
 } // namespace
 
 class TestStreamReassembler : public QObject
@@ -228,7 +253,7 @@ void TestStreamReassembler::fewerThanNineteenBytesAreLeftUntouched()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray bytes = "xy" + frame({1, 2, 3, 4, 5, 6, 7}).left(16); // 18 bytes, garbage first
+    const QByteArray bytes = "xy" + kOneToSeven.left(16); // 18 bytes, garbage first
     rig.reassembler.appendBuffData(bytes);
     for (int i = 0; i < 3; ++i)
         rig.turn();
@@ -241,7 +266,7 @@ void TestStreamReassembler::twoStrayBytesBeforeFrameAreDroppedSilently()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6});
+    const QByteArray reply = kReply5A;
     rig.reassembler.appendBuffData("\x13\x37" + reply);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
@@ -268,7 +293,7 @@ void TestStreamReassembler::recordCarriesLinkOneSourceTextAndDeviceType()
 {
     Rig rig(StreamReassemblyConfig::serial());
     rig.reassembler.setSourceText(QStringLiteral("ttyS7"));
-    rig.reassembler.appendBuffData(frame({0xA0, 0xFF, 0x00, 0x10, 0x20, 0x30, 0x40}));
+    rig.reassembler.appendBuffData(QByteArrayLiteral("[RA0FF00102030403F]")); // A0 FF 00 10 20 30 40, check byte 3F
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     const ProtocolData record = testqueue::records().front();
@@ -295,10 +320,10 @@ void TestStreamReassembler::recordCarriesLinkOneSourceTextAndDeviceType()
 void TestStreamReassembler::lowerCaseDigitsDecodeLikeUpperCase()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    const std::array<quint8, 7> bytes{0xAB, 0xCD, 0xEF, 0xFA, 0xBC, 0xDE, 0x0F};
-    rig.reassembler.appendBuffData(frame(bytes, -1, replyframes::Case::Upper));
+    // AB CD EF FA BC DE 0F, check byte 0A, in upper-case and lower-case digits.
+    rig.reassembler.appendBuffData(QByteArrayLiteral("[RABCDEFFABCDE0F0A]"));
     rig.turn();
-    rig.reassembler.appendBuffData(frame(bytes, -1, replyframes::Case::Lower));
+    rig.reassembler.appendBuffData(QByteArrayLiteral("[Rabcdeffabcde0f0a]"));
     rig.turn();
     const std::vector<ProtocolData> records = testqueue::records();
     QCOMPARE(records.size(), size_t(2));
@@ -313,7 +338,7 @@ void TestStreamReassembler::lowerCaseDigitsDecodeLikeUpperCase()
 void TestStreamReassembler::frameSplitAcrossReadsIsRecognisedOnceComplete()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = frame({7, 6, 5, 4, 3, 2, 1});
+    const QByteArray reply = QByteArrayLiteral("[R070605040302011C]"); // 07 06 .. 01, check byte 1C
     rig.reassembler.appendBuffData(reply.left(5));
     rig.turn();
     rig.reassembler.appendBuffData(reply.mid(5, 13));
@@ -330,7 +355,8 @@ void TestStreamReassembler::wrongCheckByteLogsDigitsAndDropsBracket()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6}, 0x70);
+    // 5A 01 02 03 04 05 06 with check byte 70 instead of their sum, 6F.
+    const QByteArray reply = QByteArrayLiteral("[R5A01020304050670]");
     QCOMPARE(reply, QByteArray("[R5A01020304050670]"));
     rig.reassembler.appendBuffData(reply);
     rig.turn();
@@ -344,7 +370,7 @@ void TestStreamReassembler::bracketNotFollowedByRIsDropped()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = frame({1, 1, 1, 1, 1, 1, 1});
+    const QByteArray reply = QByteArrayLiteral("[R0101010101010107]"); // seven times 01, check byte 07
     rig.reassembler.appendBuffData("[X" + reply);
     rig.turn();
     QCOMPARE(rig.reassembler.buffData(), "X" + reply);
@@ -357,7 +383,7 @@ void TestStreamReassembler::missingClosingBracketDropsOpeningBracket()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    QByteArray broken = frame({1, 2, 3, 4, 5, 6, 7});
+    QByteArray broken = kOneToSeven;
     broken[18] = ')';
     rig.reassembler.appendBuffData(broken);
     rig.turn();
@@ -409,7 +435,7 @@ void TestStreamReassembler::oneFramePerTurn()
     QFETCH(bool, usb);
     QFETCH(int, turnSleep);
     Rig rig(usb ? StreamReassemblyConfig::usb() : StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData(frame({1, 0, 0, 0, 0, 0, 0}) + frame({2, 0, 0, 0, 0, 0, 0}));
+    rig.reassembler.appendBuffData(kReply01 + kReply02);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     rig.turn();
@@ -422,7 +448,7 @@ void TestStreamReassembler::block79WithGoodCheckByteBecomesPayload()
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
     rig.reassembler.setSourceText(QStringLiteral("ttyUSB0"));
-    const QByteArray reply = blockFrame(0x79, 3);
+    const QByteArray reply = kAnnounces79Of3;
     rig.reassembler.appendBuffData(reply + QByteArray("\x01\x02\x03", 3));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
@@ -441,7 +467,7 @@ void TestStreamReassembler::block79WithBadCheckByteLogsCheckBlockDefault()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = blockFrame(0x79, 3);
+    const QByteArray reply = kAnnounces79Of3;
     rig.reassembler.appendBuffData(reply + QByteArray("\x01\x02\x04", 3));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(0));
@@ -454,8 +480,8 @@ void TestStreamReassembler::block79WithBadCheckByteLogsCheckBlockDefault()
 void TestStreamReassembler::block8EWith27AnnouncesBlock()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray block = blockWithCheckByte("\x10\x20");
-    rig.reassembler.appendBuffData(blockFrame(0x8E, 3, 0x27) + block);
+    const QByteArray block("\x10\x20\x30", 3); // check byte 10 + 20
+    rig.reassembler.appendBuffData(kAnnounces8E27Of3 + block);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().payload, block);
@@ -465,8 +491,8 @@ void TestStreamReassembler::frame8EWithout27AnnouncesNoBlock()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = blockFrame(0x8E, 3, 0x26);
-    const QByteArray next = frame({0x44, 0, 0, 0, 0, 0, 0});
+    const QByteArray reply = kNoBlock8E26;
+    const QByteArray next = kReply44;
     rig.reassembler.appendBuffData(reply + "abc" + next);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
@@ -482,7 +508,7 @@ void TestStreamReassembler::blockE1OfLengthZeroIsQueuedAtOnce()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = blockFrame(0xE1, 0);
+    const QByteArray reply = kAnnouncesE1Of0;
     rig.reassembler.appendBuffData(reply + "xyz");
     rig.reassembler.dealTurn(); // queued inline: no hand-off to wait for
     QCOMPARE(testqueue::length(), size_t(1));
@@ -497,14 +523,14 @@ void TestStreamReassembler::blockNeverSentWaits150TimesThenLaterFramesWork()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = blockFrame(0x79, 3);
+    const QByteArray reply = kAnnounces79Of3;
     rig.reassembler.appendBuffData(reply);
     rig.turn();
     QCOMPARE(rig.sleeps, repeated(3, 4, 150)); // about 600 ms
     QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(log.lines(), QStringList{recvLine(reply) + QStringLiteral(" CheckBlock default:")});
 
-    const QByteArray later = frame({0x22, 0, 0, 0, 0, 0, 0});
+    const QByteArray later = kReply22;
     rig.reassembler.appendBuffData(later);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
@@ -514,7 +540,7 @@ void TestStreamReassembler::blockNeverSentWaits150TimesThenLaterFramesWork()
 void TestStreamReassembler::partialBlockIsNotConsumedWhenWaitFails()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData(blockFrame(0x79, 3) + "\x01\x02");
+    rig.reassembler.appendBuffData(kAnnounces79Of3 + "\x01\x02");
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(rig.reassembler.buffData(), QByteArray("\x01\x02"));
@@ -523,8 +549,8 @@ void TestStreamReassembler::partialBlockIsNotConsumedWhenWaitFails()
 void TestStreamReassembler::blockArrivingDuringWaitIsTaken()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray block = blockWithCheckByte("\x05\x06\x07");
-    rig.reassembler.appendBuffData(blockFrame(0x79, 4) + block.left(1));
+    const QByteArray block("\x05\x06\x07\x12", 4); // check byte 05 + 06 + 07
+    rig.reassembler.appendBuffData(kAnnounces79Of4 + block.left(1));
     rig.onSleep = [&](int count) {
         if (count == 11) // the turn sleep, then ten block-wait sleeps
             rig.reassembler.appendBuffData(block.mid(1));
@@ -541,8 +567,8 @@ void TestStreamReassembler::blockLongerThanSnapshotIsReadWhole()
     QByteArray bytes;
     for (int i = 0; i < 1499; ++i)
         bytes += char(i * 7);
-    const QByteArray block = blockWithCheckByte(bytes);
-    rig.reassembler.appendBuffData(blockFrame(0x79, 1500) + block);
+    const QByteArray block = bytes + '\x39'; // the 8-bit sum of those 1499 bytes
+    rig.reassembler.appendBuffData(kAnnounces79Of1500 + block);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().payload, block);
@@ -551,11 +577,11 @@ void TestStreamReassembler::blockLongerThanSnapshotIsReadWhole()
 void TestStreamReassembler::blockOfOneByteNeedsCheckByteZero()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData(blockFrame(0x79, 1) + QByteArray(1, '\0'));
+    rig.reassembler.appendBuffData(kAnnounces79Of1 + QByteArray(1, '\0'));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().payload, QByteArray(1, '\0'));
-    rig.reassembler.appendBuffData(blockFrame(0x79, 1) + QByteArray(1, '\x01'));
+    rig.reassembler.appendBuffData(kAnnounces79Of1 + QByteArray(1, '\x01'));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
 }
@@ -563,7 +589,7 @@ void TestStreamReassembler::blockOfOneByteNeedsCheckByteZero()
 void TestStreamReassembler::blockRecordIsQueuedInline()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.appendBuffData(blockFrame(0x79, 2) + blockWithCheckByte("\x09"));
+    rig.reassembler.appendBuffData(kAnnounces79Of2 + QByteArray("\x09\x09", 2)); // block 09, check byte 09
     rig.reassembler.dealTurn();
     QCOMPARE(rig.handOff.detachedWorkRunning(), 0);
     QCOMPARE(testqueue::length(), size_t(1));
@@ -596,7 +622,7 @@ void TestStreamReassembler::getArrayDataLeavesOutputUnchangedOnMismatch()
     ProtocolData out;
     out.commandByte = 0x77;
     out.sourceText = QStringLiteral("kept");
-    QVERIFY(!rig.reassembler.getArrayData(frame({1, 2, 3, 4, 5, 6, 7}, 0), &out));
+    QVERIFY(!rig.reassembler.getArrayData(QByteArrayLiteral("[R0102030405060700]"), &out)); // check byte 00, not the sum 1C
     QCOMPARE(out.commandByte, quint8(0x77));
     QCOMPARE(out.sourceText, QStringLiteral("kept"));
 }
@@ -615,7 +641,7 @@ void TestStreamReassembler::getArrayDataDoesNotExamineBrackets()
 void TestStreamReassembler::checkCMDRejectsShortFrame()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = frame({1, 2, 3, 4, 5, 6, 7});
+    const QByteArray reply = kOneToSeven;
     rig.reassembler.appendBuffData(reply);
     QVERIFY(!rig.reassembler.checkCMD(reply.left(18)));
     QCOMPARE(rig.reassembler.buffData(), reply);
@@ -664,7 +690,7 @@ void TestStreamReassembler::runTurnsUntilRunFlagClearedThenSetsExited()
     Rig rig(StreamReassemblyConfig::serial());
     std::atomic<bool> runFlag{true};
     std::atomic<bool> exited{true};
-    rig.reassembler.appendBuffData(frame({1, 0, 0, 0, 0, 0, 0}) + frame({2, 0, 0, 0, 0, 0, 0}));
+    rig.reassembler.appendBuffData(kReply01 + kReply02);
     rig.onSleep = [&](int count) {
         QVERIFY(!exited.load()); // cleared on entry
         if (count == 3)
@@ -700,7 +726,7 @@ void TestStreamReassembler::usbRecordCarriesLinkTwoAndUsb()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::usb());
-    const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6});
+    const QByteArray reply = kReply5A;
     rig.reassembler.appendBuffData(reply);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
@@ -717,9 +743,9 @@ void TestStreamReassembler::usbBlockAnnouncingFrameIsQueuedAtOnceWithEmptyPayloa
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::usb());
-    const QByteArray reply = blockFrame(0x79, 3);
-    const QByteArray next = frame({0x44, 0, 0, 0, 0, 0, 0});
-    rig.reassembler.appendBuffData(reply + blockWithCheckByte("\x01\x02") + next);
+    const QByteArray reply = kAnnounces79Of3;
+    const QByteArray next = kReply44;
+    rig.reassembler.appendBuffData(reply + QByteArray("\x01\x02\x03", 3) + next); // block 01 02, check byte 03
     rig.turn();
     QCOMPARE(rig.sleeps, std::vector<int>{20}); // no block wait
     QCOMPARE(testqueue::length(), size_t(1));
@@ -733,7 +759,7 @@ void TestStreamReassembler::usbBlockAnnouncingFrameIsQueuedAtOnceWithEmptyPayloa
 void TestStreamReassembler::usbZeroBytesAfterFrameAreDroppedNextTurn()
 {
     Rig rig(StreamReassemblyConfig::usb());
-    rig.reassembler.appendBuffData(frame({3, 0, 0, 0, 0, 0, 0}) + QByteArray(45, '\0'));
+    rig.reassembler.appendBuffData(kReply03 + QByteArray(45, '\0'));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(rig.reassembler.buffData(), QByteArray(45, '\0'));
@@ -746,7 +772,7 @@ void TestStreamReassembler::usbWrongCheckByteLogsPortUsbLine()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::usb());
-    rig.reassembler.appendBuffData(frame({0x5A, 1, 2, 3, 4, 5, 6}, 0x70, replyframes::Case::Lower));
+    rig.reassembler.appendBuffData(QByteArrayLiteral("[R5a01020304050670]")); // check byte 70, not the sum 6F
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(log.lines(), QStringList{QStringLiteral("PortUSB::getArrayData   dataStr==5a01020304050670")});
@@ -765,7 +791,7 @@ void TestStreamReassembler::usbCheckBlockWaits200TimesTwentyMilliseconds()
 void TestStreamReassembler::usbCheckBlockKeepsCallersSourceText()
 {
     Rig rig(StreamReassemblyConfig::usb());
-    const QByteArray block = blockWithCheckByte("\x0A\x0B");
+    const QByteArray block("\x0A\x0B\x15", 3); // check byte 0A + 0B
     rig.reassembler.appendBuffData(block);
     ProtocolData record;
     record.sourceText = QStringLiteral("as passed");
