@@ -251,7 +251,7 @@ void TestSerialFaults::bytesArrivingWhileThePortIsReopenedMakeNoFalseOrRepeatedR
         const RaiseOnExit stopDevice{stop};
         // Reopen the port while the bytes keep coming.
         for (int reopen = 0; reopen < 10; ++reopen) {
-            QTest::qWait(25);
+            QTest::qWait(25); // replies come in meanwhile
             QVERIFY(openOn(*port, pty));
             QCOMPARE(port->runningWorkers(), 1);
         }
@@ -376,7 +376,7 @@ void TestSerialFaults::floodOfGarbageDeliversEveryValidFrameOnce()
     }
     // Nothing more comes once the garbage is worked through.
     QTRY_VERIFY_WITH_TIMEOUT(port->buffData().size() < 19, kWaitMs);
-    QTest::qWait(50);
+    QTest::qWait(50); // a few more worker turns, to see that no record follows
 
     std::vector<ProtocolData> records = testqueue::records();
     QCOMPARE(records.size(), size_t(kReplies));

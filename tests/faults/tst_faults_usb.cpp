@@ -284,6 +284,8 @@ void TestUsbFaults::repliesStreamingWhileTheDeviceVanishesComeAtMostOnce()
     PortUSB port;
     plugEvents.watch(port);
     QVERIFY(openAndLetWatcherSeeIt(port));
+    // The open link's threads, without any hand-off.
+    const int threadsWhileOpen = threadCount();
 
     // Three replies a report: the reader, taking a report each 20 ms, runs
     // ahead of the reassembly, which takes a frame each 20 ms, so replies
@@ -305,7 +307,16 @@ void TestUsbFaults::repliesStreamingWhileTheDeviceVanishesComeAtMostOnce()
     QVERIFY(plugBackAndReopen(port, plugEvents));
     QTRY_COMPARE_WITH_TIMEOUT(simhid::pendingInput(), 0, kWaitMs);
     QTRY_VERIFY_WITH_TIMEOUT(port.buffData().size() < 19, kWaitMs);
-    QTest::qWait(100); // hand-offs of the last frame
+    // The hand-offs are done: the last reply, if it was still in the device,
+    // has been queued (its hand-off starts after every earlier one), and no
+    // hand-off thread is left.
+    const auto handOffsDone = [&] {
+        const std::vector<int> queued = queuedNumbers();
+        const bool lastQueued = readBeforeRemoval == kReplies
+                                || std::find(queued.begin(), queued.end(), kReplies - 1) != queued.end();
+        return lastQueued && threadCount() <= threadsWhileOpen;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(handOffsDone(), kWaitMs);
 
     // Lost are only replies read but not yet reassembled when the device
     // went (their buffer is emptied on close): the rest comes once each.

@@ -467,7 +467,7 @@ void TestPortSerial::closingOnReadErrorEndsHangUpAtOnce()
     QCOMPARE(port.m_threadRun.load(), false);
     QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 0, kWaitMs);
     const int errorsAfterClose = errors.errorCount();
-    QTest::qWait(200);
+    QTest::qWait(200); // no further error comes
     QCOMPARE(errors.errorCount(), errorsAfterClose);
 }
 
