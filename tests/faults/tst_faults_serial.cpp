@@ -19,17 +19,17 @@
 #include <thread>
 #include <vector>
 
+#include "GeneratedReplies.h"
 #include "LogCapture.h"
 #include "PortSerial.h"
 #include "ProtocolData.h"
 #include "PseudoTerminal.h"
 #include "ReceiveQueue.h"
-#include "ReplyFrames.h"
 #include "SerialLink.h"
 #include "ThreadCount.h"
 
-using replyframes::blockWithCheckByte;
-using replyframes::frame;
+using generatedreplies::blockWithSum;
+using generatedreplies::replyFrame;
 
 namespace {
 // Generous: sanitizer builds on a loaded two-core machine.
@@ -48,6 +48,15 @@ std::array<quint8, 7> numberedWithBlock(int n, quint8 b2, unsigned short length)
     const quint8 b3 = b2 == 0x8E ? quint8(0x27) : quint8(n);
     return {0x31, quint8(n >> 8), b2, b3, quint8(n), quint8(length & 0xFF), quint8(length >> 8)};
 }
+
+// Replies as the device sends them: "[" "R", then B0..B6 and their 8-bit sum
+// as hex digit pairs, then "]".
+// Reply 1: 30 00 00 01 5A 00 00, check byte 8B.
+const QByteArray kReply1 = QByteArrayLiteral("[R300000015A00008B]");
+// Reply 0x7FFF: 30 7F 00 FF 5A 00 00, check byte 08.
+const QByteArray kReply7FFF = QByteArrayLiteral("[R307F00FF5A000008]");
+// Reply 2 announcing a block of 100 bytes: 31 00 79 02 02 64 00, check byte 12.
+const QByteArray kReply2WithBlockOf100 = QByteArrayLiteral("[R3100790202640012]");
 
 int numberOf(const ProtocolData &record)
 {
@@ -109,7 +118,7 @@ void checkCarriesNextCommand(PortSerial &port, PseudoTerminal &pty)
         command.paramBytes[i] = quint8(i + 1);
     port.sendDatatoDevice(&command);
     QCOMPARE(pty.deviceReceives(19, kWaitMs), QByteArray("[A5a0102030405066f]"));
-    QVERIFY(pty.deviceSends(frame(numbered(0x7FFF))));
+    QVERIFY(pty.deviceSends(kReply7FFF));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), queued + 1, kWaitMs);
     QCOMPARE(numberOf(testqueue::records().back()), 0x7FFF);
     QCOMPARE(port.runningWorkers(), 1);
@@ -171,10 +180,10 @@ void TestSerialFaults::hangUpInTheMiddleOfABlockLosesOnlyThatReply()
         QObject::connect(port->m_com, &QSerialPort::errorOccurred, port.get(), &PortSerial::handleError,
                          Qt::DirectConnection);
 
-    QVERIFY(pty->deviceSends(frame(numbered(1))));
+    QVERIFY(pty->deviceSends(kReply1));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
 
-    const QByteArray blockFrame = frame(numberedWithBlock(2, 0x79, 100));
+    const QByteArray blockFrame = kReply2WithBlockOf100;
     const QByteArray firstPart(40, 'b');
     QVERIFY(pty->deviceSends(blockFrame + firstPart));
     // The worker has taken the frame and waits for the rest of its block.
@@ -223,6 +232,8 @@ void TestSerialFaults::bytesArrivingWhileThePortIsReopenedMakeNoFalseOrRepeatedR
     // The device sends numbered replies, about one a millisecond, until told
     // to stop (or for 2000 replies at most).
     constexpr int kMostDuringReopens = 2000;
+    // Reply 0x102 as generated: 30 01 00 02 5A 00 00, check byte 8D.
+    QCOMPARE(replyFrame(numbered(0x0102)), QByteArrayLiteral("[R300100025A00008D]"));
     std::atomic<bool> stop{false};
     std::atomic<int> sentDuringReopens{0};
     std::atomic<bool> writesFailed{false};
@@ -231,7 +242,7 @@ void TestSerialFaults::bytesArrivingWhileThePortIsReopenedMakeNoFalseOrRepeatedR
             QElapsedTimer timer;
             timer.start();
             for (int n = 0; n < kMostDuringReopens && !stop && timer.elapsed() < kWaitMs; ++n) {
-                if (!pty.deviceSends(frame(numbered(n))))
+                if (!pty.deviceSends(replyFrame(numbered(n))))
                     writesFailed = true;
                 sentDuringReopens = n + 1;
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -240,7 +251,7 @@ void TestSerialFaults::bytesArrivingWhileThePortIsReopenedMakeNoFalseOrRepeatedR
         const RaiseOnExit stopDevice{stop};
         // Reopen the port while the bytes keep coming.
         for (int reopen = 0; reopen < 10; ++reopen) {
-            QTest::qWait(25);
+            QTest::qWait(25); // replies come in meanwhile
             QVERIFY(openOn(*port, pty));
             QCOMPARE(port->runningWorkers(), 1);
         }
@@ -255,7 +266,7 @@ void TestSerialFaults::bytesArrivingWhileThePortIsReopenedMakeNoFalseOrRepeatedR
     constexpr int kAfterReopens = 20;
     QByteArray after;
     for (int n = sent; n < sent + kAfterReopens; ++n)
-        after += frame(numbered(n));
+        after += replyFrame(numbered(n));
     QVERIFY(pty.deviceSends(after));
     const auto allAfterQueued = [&] {
         std::set<int> numbers;
@@ -305,6 +316,11 @@ void TestSerialFaults::floodOfGarbageDeliversEveryValidFrameOnce()
     std::vector<QByteArray> writes;
     std::vector<std::array<quint8, 7>> replies;
     std::vector<QByteArray> blocks;
+    // Reply 0x105 announcing seven bytes by 0x8E 0x27, in lower-case digits,
+    // and a block 10 20 F0 with its check byte 20.
+    QCOMPARE(replyFrame(numberedWithBlock(0x105, 0x8E, 7), generatedreplies::Digits::Lower),
+             QByteArrayLiteral("[R31018e27050700f3]"));
+    QCOMPARE(blockWithSum(QByteArray("\x10\x20\xF0", 3)), QByteArray("\x10\x20\xF0\x20", 4));
     for (int n = 0; n < kReplies; ++n) {
         QByteArray garbage;
         for (int i = below(240); i > 0; --i) {
@@ -320,11 +336,11 @@ void TestSerialFaults::floodOfGarbageDeliversEveryValidFrameOnce()
         std::array<quint8, 7> reply = numbered(n);
         switch (n % 10) {
         case 3:
-            block = blockWithCheckByte(QByteArray(below(64), char(below(256))));
+            block = blockWithSum(QByteArray(below(64), char(below(256))));
             reply = numberedWithBlock(n, 0x79, static_cast<unsigned short>(block.size()));
             break;
         case 5:
-            block = blockWithCheckByte(QByteArray::number(n) + QByteArray(below(40), ']'));
+            block = blockWithSum(QByteArray::number(n) + QByteArray(below(40), ']'));
             reply = numberedWithBlock(n, 0x8E, static_cast<unsigned short>(block.size()));
             break;
         case 7:
@@ -333,7 +349,8 @@ void TestSerialFaults::floodOfGarbageDeliversEveryValidFrameOnce()
         default:
             break;
         }
-        const QByteArray bytes = frame(reply, -1, below(2) ? replyframes::Case::Upper : replyframes::Case::Lower);
+        const QByteArray bytes =
+            replyFrame(reply, below(2) ? generatedreplies::Digits::Upper : generatedreplies::Digits::Lower);
         if (block.isEmpty() && reply[2] != 0xE1) {
             const int cut = below(bytes.size());
             writes.push_back(bytes.left(cut));
@@ -359,7 +376,7 @@ void TestSerialFaults::floodOfGarbageDeliversEveryValidFrameOnce()
     }
     // Nothing more comes once the garbage is worked through.
     QTRY_VERIFY_WITH_TIMEOUT(port->buffData().size() < 19, kWaitMs);
-    QTest::qWait(50);
+    QTest::qWait(50); // a few more worker turns, to see that no record follows
 
     std::vector<ProtocolData> records = testqueue::records();
     QCOMPARE(records.size(), size_t(kReplies));

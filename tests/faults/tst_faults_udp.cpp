@@ -388,7 +388,9 @@ void TestUdpFaults::longFrameWithoutRouteIsSendUnknownAndOneRebuild()
     send(port, record);
     QCOMPARE(log.lines(), (QStringList{QStringLiteral("Send unknown"), sendDataLine(port, record)}));
     QTRY_VERIFY_WITH_TIMEOUT(socket.isNull(), kWaitMs);
-    QTest::qWait(100);
+    // The new socket is in place ...
+    QTRY_VERIFY_WITH_TIMEOUT(port.socket() != nullptr && port.rebuildConnections() >= 2, kWaitMs);
+    QTest::qWait(100); // ... and no second rebuild follows
     QCOMPARE(port.rebuildConnections(), 2);
     QVERIFY(port.socket() != nullptr);
     // The rebuild dropped the device address.

@@ -20,17 +20,17 @@
 #include <thread>
 #include <vector>
 
+#include "GeneratedReplies.h"
 #include "LogCapture.h"
 #include "PortUSB.h"
 #include "ProtocolData.h"
 #include "ReceiveQueue.h"
-#include "ReplyFrames.h"
 #include "SimulatedHid.h"
 #include "ThreadCount.h"
 #include "UsbReports.h"
 #include "UsbSignalLog.h"
 
-using replyframes::frame;
+using generatedreplies::replyFrame;
 using namespace usbreports;
 
 namespace {
@@ -58,6 +58,14 @@ std::array<quint8, 7> numbered(int n)
 {
     return {0x40, quint8(n >> 8), 0x00, quint8(n), 0x00, 0x00, 0x00};
 }
+
+// Replies 1, 2, 3 and 0x7FFF as the device sends them: "[" "R", then B0..B6
+// and their 8-bit sum as hex digit pairs, then "]".
+const QByteArray kReply1 = QByteArrayLiteral("[R4000000100000041]");
+const QByteArray kReply2 = QByteArrayLiteral("[R4000000200000042]");
+const QByteArray kReply3 = QByteArrayLiteral("[R4000000300000043]");
+// 40 7F 00 FF 00 00 00, check byte BE.
+const QByteArray kReply7FFF = QByteArrayLiteral("[R407F00FF000000BE]");
 
 int numberOf(const ProtocolData &record)
 {
@@ -99,7 +107,7 @@ void checkCarriesNextCommand(PortUSB &port)
     const std::vector<QByteArray> writes = simhid::writes();
     QCOMPARE(writes.size(), written + 1);
     QCOMPARE(writes.back(), commandReports(port.produceCmds(command)).front());
-    simhid::queueInput(inputReport(frame(numbered(0x7FFF))));
+    simhid::queueInput(inputReport(kReply7FFF));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), queued + 1, kWaitMs);
     QCOMPARE(numberOf(testqueue::records().back()), 0x7FFF);
 }
@@ -247,10 +255,10 @@ void TestUsbFaults::deviceVanishingDuringReadDropsOnlyTheUnfinishedFrame()
     plugEvents.watch(port);
     QVERIFY(openAndLetWatcherSeeIt(port));
 
-    simhid::queueInput(inputReport(frame(numbered(1))));
+    simhid::queueInput(inputReport(kReply1));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     // The first ten bytes of the next reply, in a report of their own.
-    const QByteArray second = frame(numbered(2));
+    const QByteArray second = kReply2;
     simhid::queueInput(second.left(10));
     QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), second.left(10), kWaitMs);
     // The reader is waiting in its next read when the device goes.
@@ -263,7 +271,7 @@ void TestUsbFaults::deviceVanishingDuringReadDropsOnlyTheUnfinishedFrame()
     // Back again: the rest of the cut reply is garbage, the next one a reply.
     QVERIFY(plugBackAndReopen(port, plugEvents));
     simhid::queueInput(second.mid(10));
-    simhid::queueInput(inputReport(frame(numbered(3))));
+    simhid::queueInput(inputReport(kReply3));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);
     QTest::qWait(100); // a few reassembly turns: nothing else comes
     QCOMPARE(queuedNumbers(), (std::vector<int>{1, 3}));
@@ -276,14 +284,19 @@ void TestUsbFaults::repliesStreamingWhileTheDeviceVanishesComeAtMostOnce()
     PortUSB port;
     plugEvents.watch(port);
     QVERIFY(openAndLetWatcherSeeIt(port));
+    // The open link's threads, without any hand-off.
+    const int threadsWhileOpen = threadCount();
 
     // Three replies a report: the reader, taking a report each 20 ms, runs
     // ahead of the reassembly, which takes a frame each 20 ms, so replies
     // wait in the receive buffer.
     constexpr int kPerReport = 3;
     constexpr int kReplies = 10 * kPerReport;
+    QCOMPARE(replyFrame(numbered(0)), QByteArrayLiteral("[R4000000000000040]"));
+    QCOMPARE(replyFrame(numbered(kReplies - 1)), QByteArrayLiteral("[R4000001D0000005D]"));
     for (int n = 0; n < kReplies; n += kPerReport)
-        simhid::queueInput(inputReport(frame(numbered(n)) + frame(numbered(n + 1)) + frame(numbered(n + 2))));
+        simhid::queueInput(
+            inputReport(replyFrame(numbered(n)) + replyFrame(numbered(n + 1)) + replyFrame(numbered(n + 2))));
     QTRY_VERIFY_WITH_TIMEOUT(testqueue::length() >= 3, kWaitMs);
     QVERIFY(pullOut(plugEvents));
     QVERIFY(!port.isOpen());
@@ -294,7 +307,16 @@ void TestUsbFaults::repliesStreamingWhileTheDeviceVanishesComeAtMostOnce()
     QVERIFY(plugBackAndReopen(port, plugEvents));
     QTRY_COMPARE_WITH_TIMEOUT(simhid::pendingInput(), 0, kWaitMs);
     QTRY_VERIFY_WITH_TIMEOUT(port.buffData().size() < 19, kWaitMs);
-    QTest::qWait(100); // hand-offs of the last frame
+    // The hand-offs are done: the last reply, if it was still in the device,
+    // has been queued (its hand-off starts after every earlier one), and no
+    // hand-off thread is left.
+    const auto handOffsDone = [&] {
+        const std::vector<int> queued = queuedNumbers();
+        const bool lastQueued = readBeforeRemoval == kReplies
+                                || std::find(queued.begin(), queued.end(), kReplies - 1) != queued.end();
+        return lastQueued && threadCount() <= threadsWhileOpen;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(handOffsDone(), kWaitMs);
 
     // Lost are only replies read but not yet reassembled when the device
     // went (their buffer is emptied on close): the rest comes once each.

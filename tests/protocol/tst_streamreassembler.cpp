@@ -7,13 +7,10 @@
 
 #include "LogCapture.h"
 #include "ReceiveQueue.h"
-#include "ReplyFrames.h"
 #include "RecordingSink.h"
 #include "StreamReassembler.h"
 
 using comm::StreamReassemblyConfig;
-using replyframes::blockWithCheckByte;
-using replyframes::frame;
 
 namespace {
 const auto kDeviceType = static_cast<ModulelEnum::DeviceType>(0x01020304);
@@ -57,11 +54,39 @@ QString recvLine(const QByteArray &frameBytes)
     return QStringLiteral("Recv data:") + QString::fromLatin1(frameBytes);
 }
 
-// Frame announcing a block of `length` bytes by B2 = b2 (and B3 = b3).
-QByteArray blockFrame(quint8 b2, unsigned short length, quint8 b3 = 0, quint8 command = 0x31)
-{
-    return frame({command, 0x00, b2, b3, 0x00, quint8(length & 0xFF), quint8(length >> 8)});
-}
+// Reply frames as the device sends them: "[" "R", then B0..B6 and the check
+// byte (the 8-bit sum of B0..B6) as hex digit pairs, then "]". Written out
+// here, not computed, so that a wrong sum in the reassembler cannot hide.
+
+// 01 02 03 04 05 06 07, check byte 1C.
+const QByteArray kOneToSeven = QByteArrayLiteral("[R010203040506071C]");
+// 5A 01 02 03 04 05 06, check byte 6F.
+const QByteArray kReply5A = QByteArrayLiteral("[R5A0102030405066F]");
+// Command 1, 2, 3, 0x22 and 0x44 with all parameters 0: the check byte is B0.
+const QByteArray kReply01 = QByteArrayLiteral("[R0100000000000001]");
+const QByteArray kReply02 = QByteArrayLiteral("[R0200000000000002]");
+const QByteArray kReply03 = QByteArrayLiteral("[R0300000000000003]");
+const QByteArray kReply22 = QByteArrayLiteral("[R2200000000000022]");
+const QByteArray kReply44 = QByteArrayLiteral("[R4400000000000044]");
+
+// Frames of command 0x31 announcing a block: B2 = 0x79 (or 0xE1, or 0x8E with
+// B3 = 0x27), the block length in B5 (low) and B6 (high).
+// 31 00 79 00 00 03 00: three bytes, check byte AD.
+const QByteArray kAnnounces79Of3 = QByteArrayLiteral("[R31007900000300AD]");
+// 31 00 79 00 00 01 00: one byte, check byte AB.
+const QByteArray kAnnounces79Of1 = QByteArrayLiteral("[R31007900000100AB]");
+// 31 00 79 00 00 02 00: two bytes, check byte AC.
+const QByteArray kAnnounces79Of2 = QByteArrayLiteral("[R31007900000200AC]");
+// 31 00 79 00 00 04 00: four bytes, check byte AE.
+const QByteArray kAnnounces79Of4 = QByteArrayLiteral("[R31007900000400AE]");
+// 31 00 79 00 00 DC 05: 1500 bytes, check byte 8B.
+const QByteArray kAnnounces79Of1500 = QByteArrayLiteral("[R3100790000DC058B]");
+// 31 00 8E 27 00 03 00: three bytes, check byte E9.
+const QByteArray kAnnounces8E27Of3 = QByteArrayLiteral("[R31008E27000300E9]");
+// 31 00 8E 26 00 03 00: B3 is not 0x27, so no block; check byte E8.
+const QByteArray kNoBlock8E26 = QByteArrayLiteral("[R31008E26000300E8]");
+// 31 00 E1 00 00 00 00: a block of length 0, check byte 12.
+const QByteArray kAnnouncesE1Of0 = QByteArrayLiteral("[R3100E10000000012]");
 } // namespace
 
 class TestStreamReassembler : public QObject
@@ -220,7 +245,7 @@ void TestStreamReassembler::fewerThanNineteenBytesAreLeftUntouched()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray bytes = "xy" + frame({1, 2, 3, 4, 5, 6, 7}).left(16); // 18 bytes, garbage first
+    const QByteArray bytes = "xy" + kOneToSeven.left(16); // 18 bytes, garbage first
     rig.reassembler.append(bytes);
     for (int i = 0; i < 3; ++i)
         rig.turn();
@@ -233,7 +258,7 @@ void TestStreamReassembler::twoStrayBytesBeforeFrameAreDroppedSilently()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6});
+    const QByteArray reply = kReply5A;
     rig.reassembler.append("\x13\x37" + reply);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
@@ -260,7 +285,7 @@ void TestStreamReassembler::recordCarriesLinkOneSourceTextAndDeviceType()
 {
     Rig rig(StreamReassemblyConfig::serial());
     rig.reassembler.setSourceText(QStringLiteral("ttyS7"));
-    rig.reassembler.append(frame({0xA0, 0xFF, 0x00, 0x10, 0x20, 0x30, 0x40}));
+    rig.reassembler.append(QByteArrayLiteral("[RA0FF00102030403F]")); // A0 FF 00 10 20 30 40, check byte 3F
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     const ProtocolData record = testqueue::records().front();
@@ -287,10 +312,10 @@ void TestStreamReassembler::recordCarriesLinkOneSourceTextAndDeviceType()
 void TestStreamReassembler::lowerCaseDigitsDecodeLikeUpperCase()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    const std::array<quint8, 7> bytes{0xAB, 0xCD, 0xEF, 0xFA, 0xBC, 0xDE, 0x0F};
-    rig.reassembler.append(frame(bytes, -1, replyframes::Case::Upper));
+    // AB CD EF FA BC DE 0F, check byte 0A, in upper-case and lower-case digits.
+    rig.reassembler.append(QByteArrayLiteral("[RABCDEFFABCDE0F0A]"));
     rig.turn();
-    rig.reassembler.append(frame(bytes, -1, replyframes::Case::Lower));
+    rig.reassembler.append(QByteArrayLiteral("[Rabcdeffabcde0f0a]"));
     rig.turn();
     const std::vector<ProtocolData> records = testqueue::records();
     QCOMPARE(records.size(), size_t(2));
@@ -305,7 +330,7 @@ void TestStreamReassembler::lowerCaseDigitsDecodeLikeUpperCase()
 void TestStreamReassembler::frameSplitAcrossReadsIsRecognisedOnceComplete()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = frame({7, 6, 5, 4, 3, 2, 1});
+    const QByteArray reply = QByteArrayLiteral("[R070605040302011C]"); // 07 06 .. 01, check byte 1C
     rig.reassembler.append(reply.left(5));
     rig.turn();
     rig.reassembler.append(reply.mid(5, 13));
@@ -322,7 +347,8 @@ void TestStreamReassembler::wrongCheckByteLogsDigitsAndDropsBracket()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6}, 0x70);
+    // 5A 01 02 03 04 05 06 with check byte 70 instead of their sum, 6F.
+    const QByteArray reply = QByteArrayLiteral("[R5A01020304050670]");
     QCOMPARE(reply, QByteArray("[R5A01020304050670]"));
     rig.reassembler.append(reply);
     rig.turn();
@@ -336,7 +362,7 @@ void TestStreamReassembler::bracketNotFollowedByRIsDropped()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = frame({1, 1, 1, 1, 1, 1, 1});
+    const QByteArray reply = QByteArrayLiteral("[R0101010101010107]"); // seven times 01, check byte 07
     rig.reassembler.append("[X" + reply);
     rig.turn();
     QCOMPARE(rig.reassembler.contents(), "X" + reply);
@@ -349,7 +375,7 @@ void TestStreamReassembler::missingClosingBracketDropsOpeningBracket()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    QByteArray broken = frame({1, 2, 3, 4, 5, 6, 7});
+    QByteArray broken = kOneToSeven;
     broken[18] = ')';
     rig.reassembler.append(broken);
     rig.turn();
@@ -401,7 +427,7 @@ void TestStreamReassembler::oneFramePerTurn()
     QFETCH(bool, usb);
     QFETCH(int, turnSleep);
     Rig rig(usb ? StreamReassemblyConfig::usb() : StreamReassemblyConfig::serial());
-    rig.reassembler.append(frame({1, 0, 0, 0, 0, 0, 0}) + frame({2, 0, 0, 0, 0, 0, 0}));
+    rig.reassembler.append(kReply01 + kReply02);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     rig.turn();
@@ -414,7 +440,7 @@ void TestStreamReassembler::block79WithGoodCheckByteBecomesPayload()
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
     rig.reassembler.setSourceText(QStringLiteral("ttyUSB0"));
-    const QByteArray reply = blockFrame(0x79, 3);
+    const QByteArray reply = kAnnounces79Of3;
     rig.reassembler.append(reply + QByteArray("\x01\x02\x03", 3));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
@@ -433,7 +459,7 @@ void TestStreamReassembler::block79WithBadCheckByteLogsCheckBlockDefault()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = blockFrame(0x79, 3);
+    const QByteArray reply = kAnnounces79Of3;
     rig.reassembler.append(reply + QByteArray("\x01\x02\x04", 3));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(0));
@@ -446,8 +472,8 @@ void TestStreamReassembler::block79WithBadCheckByteLogsCheckBlockDefault()
 void TestStreamReassembler::block8EWith27AnnouncesBlock()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray block = blockWithCheckByte("\x10\x20");
-    rig.reassembler.append(blockFrame(0x8E, 3, 0x27) + block);
+    const QByteArray block("\x10\x20\x30", 3); // check byte 10 + 20
+    rig.reassembler.append(kAnnounces8E27Of3 + block);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().payload, block);
@@ -457,8 +483,8 @@ void TestStreamReassembler::frame8EWithout27AnnouncesNoBlock()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = blockFrame(0x8E, 3, 0x26);
-    const QByteArray next = frame({0x44, 0, 0, 0, 0, 0, 0});
+    const QByteArray reply = kNoBlock8E26;
+    const QByteArray next = kReply44;
     rig.reassembler.append(reply + "abc" + next);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
@@ -474,7 +500,7 @@ void TestStreamReassembler::blockE1OfLengthZeroIsQueuedAtOnce()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = blockFrame(0xE1, 0);
+    const QByteArray reply = kAnnouncesE1Of0;
     rig.reassembler.append(reply + "xyz");
     rig.reassembler.dealTurn(); // queued inline: no hand-off to wait for
     QCOMPARE(testqueue::length(), size_t(1));
@@ -489,14 +515,14 @@ void TestStreamReassembler::blockNeverSentWaits150TimesThenLaterFramesWork()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = blockFrame(0x79, 3);
+    const QByteArray reply = kAnnounces79Of3;
     rig.reassembler.append(reply);
     rig.turn();
     QCOMPARE(rig.sleeps, repeated(3, 4, 150)); // about 600 ms
     QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(log.lines(), QStringList{recvLine(reply) + QStringLiteral(" CheckBlock default:")});
 
-    const QByteArray later = frame({0x22, 0, 0, 0, 0, 0, 0});
+    const QByteArray later = kReply22;
     rig.reassembler.append(later);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
@@ -506,7 +532,7 @@ void TestStreamReassembler::blockNeverSentWaits150TimesThenLaterFramesWork()
 void TestStreamReassembler::partialBlockIsNotConsumedWhenWaitFails()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.append(blockFrame(0x79, 3) + "\x01\x02");
+    rig.reassembler.append(kAnnounces79Of3 + "\x01\x02");
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(rig.reassembler.contents(), QByteArray("\x01\x02"));
@@ -515,8 +541,8 @@ void TestStreamReassembler::partialBlockIsNotConsumedWhenWaitFails()
 void TestStreamReassembler::blockArrivingDuringWaitIsTaken()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray block = blockWithCheckByte("\x05\x06\x07");
-    rig.reassembler.append(blockFrame(0x79, 4) + block.left(1));
+    const QByteArray block("\x05\x06\x07\x12", 4); // check byte 05 + 06 + 07
+    rig.reassembler.append(kAnnounces79Of4 + block.left(1));
     rig.onSleep = [&](int count) {
         if (count == 11) // the turn sleep, then ten block-wait sleeps
             rig.reassembler.append(block.mid(1));
@@ -533,8 +559,8 @@ void TestStreamReassembler::blockLongerThanSnapshotIsReadWhole()
     QByteArray bytes;
     for (int i = 0; i < 1499; ++i)
         bytes += char(i * 7);
-    const QByteArray block = blockWithCheckByte(bytes);
-    rig.reassembler.append(blockFrame(0x79, 1500) + block);
+    const QByteArray block = bytes + '\x39'; // the 8-bit sum of those 1499 bytes
+    rig.reassembler.append(kAnnounces79Of1500 + block);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().payload, block);
@@ -543,11 +569,11 @@ void TestStreamReassembler::blockLongerThanSnapshotIsReadWhole()
 void TestStreamReassembler::blockOfOneByteNeedsCheckByteZero()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.append(blockFrame(0x79, 1) + QByteArray(1, '\0'));
+    rig.reassembler.append(kAnnounces79Of1 + QByteArray(1, '\0'));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().payload, QByteArray(1, '\0'));
-    rig.reassembler.append(blockFrame(0x79, 1) + QByteArray(1, '\x01'));
+    rig.reassembler.append(kAnnounces79Of1 + QByteArray(1, '\x01'));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
 }
@@ -555,7 +581,7 @@ void TestStreamReassembler::blockOfOneByteNeedsCheckByteZero()
 void TestStreamReassembler::blockRecordIsQueuedInline()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    rig.reassembler.append(blockFrame(0x79, 2) + blockWithCheckByte("\x09"));
+    rig.reassembler.append(kAnnounces79Of2 + QByteArray("\x09\x09", 2)); // block 09, check byte 09
     rig.reassembler.dealTurn();
     QCOMPARE(rig.sink.delivered.size(), 1);
     QVERIFY(rig.sink.queued.isEmpty());
@@ -589,7 +615,7 @@ void TestStreamReassembler::decodeFrameLeavesOutputUnchangedOnMismatch()
     ProtocolData out;
     out.commandByte = 0x77;
     out.sourceText = QStringLiteral("kept");
-    QVERIFY(!rig.reassembler.decodeFrame(frame({1, 2, 3, 4, 5, 6, 7}, 0), &out));
+    QVERIFY(!rig.reassembler.decodeFrame(QByteArrayLiteral("[R0102030405060700]"), &out)); // check byte 00, not the sum 1C
     QCOMPARE(out.commandByte, quint8(0x77));
     QCOMPARE(out.sourceText, QStringLiteral("kept"));
 }
@@ -608,7 +634,7 @@ void TestStreamReassembler::decodeFrameDoesNotExamineBrackets()
 void TestStreamReassembler::takeFrameRejectsShortFrame()
 {
     Rig rig(StreamReassemblyConfig::serial());
-    const QByteArray reply = frame({1, 2, 3, 4, 5, 6, 7});
+    const QByteArray reply = kOneToSeven;
     rig.reassembler.append(reply);
     QVERIFY(!rig.reassembler.takeFrame(reply.left(18)));
     QCOMPARE(rig.reassembler.contents(), reply);
@@ -648,7 +674,7 @@ void TestStreamReassembler::runTurnsUntilRunFlagClearedThenSetsExited()
     Rig rig(StreamReassemblyConfig::serial());
     std::atomic<bool> runFlag{true};
     std::atomic<bool> exited{true};
-    rig.reassembler.append(frame({1, 0, 0, 0, 0, 0, 0}) + frame({2, 0, 0, 0, 0, 0, 0}));
+    rig.reassembler.append(kReply01 + kReply02);
     rig.onSleep = [&](int count) {
         QVERIFY(!exited.load()); // cleared on entry
         if (count == 3)
@@ -683,7 +709,7 @@ void TestStreamReassembler::usbRecordCarriesLinkTwoAndUsb()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::usb());
-    const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6});
+    const QByteArray reply = kReply5A;
     rig.reassembler.append(reply);
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
@@ -700,9 +726,9 @@ void TestStreamReassembler::usbBlockAnnouncingFrameIsQueuedAtOnceWithEmptyPayloa
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::usb());
-    const QByteArray reply = blockFrame(0x79, 3);
-    const QByteArray next = frame({0x44, 0, 0, 0, 0, 0, 0});
-    rig.reassembler.append(reply + blockWithCheckByte("\x01\x02") + next);
+    const QByteArray reply = kAnnounces79Of3;
+    const QByteArray next = kReply44;
+    rig.reassembler.append(reply + QByteArray("\x01\x02\x03", 3) + next); // block 01 02, check byte 03
     rig.turn();
     QCOMPARE(rig.sleeps, std::vector<int>{20}); // no block wait
     QCOMPARE(testqueue::length(), size_t(1));
@@ -716,7 +742,7 @@ void TestStreamReassembler::usbBlockAnnouncingFrameIsQueuedAtOnceWithEmptyPayloa
 void TestStreamReassembler::usbZeroBytesAfterFrameAreDroppedNextTurn()
 {
     Rig rig(StreamReassemblyConfig::usb());
-    rig.reassembler.append(frame({3, 0, 0, 0, 0, 0, 0}) + QByteArray(45, '\0'));
+    rig.reassembler.append(kReply03 + QByteArray(45, '\0'));
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(rig.reassembler.contents(), QByteArray(45, '\0'));
@@ -729,7 +755,7 @@ void TestStreamReassembler::usbWrongCheckByteLogsPortUsbLine()
 {
     LogCapture log;
     Rig rig(StreamReassemblyConfig::usb());
-    rig.reassembler.append(frame({0x5A, 1, 2, 3, 4, 5, 6}, 0x70, replyframes::Case::Lower));
+    rig.reassembler.append(QByteArrayLiteral("[R5a01020304050670]")); // check byte 70, not the sum 6F
     rig.turn();
     QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(log.lines(), QStringList{QStringLiteral("PortUSB::getArrayData   dataStr==5a01020304050670")});
@@ -748,7 +774,7 @@ void TestStreamReassembler::usbCheckBlockWaits200TimesTwentyMilliseconds()
 void TestStreamReassembler::usbCheckBlockKeepsCallersSourceText()
 {
     Rig rig(StreamReassemblyConfig::usb());
-    const QByteArray block = blockWithCheckByte("\x0A\x0B");
+    const QByteArray block("\x0A\x0B\x15", 3); // check byte 0A + 0B
     rig.reassembler.append(block);
     ProtocolData record;
     record.sourceText = QStringLiteral("as passed");

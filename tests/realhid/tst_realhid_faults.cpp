@@ -23,24 +23,25 @@
 #include "PortUSB.h"
 #include "ProtocolData.h"
 #include "ReceiveQueue.h"
-#include "ReplyFrames.h"
 #include "UsbReports.h"
 #include "UsbSignalLog.h"
 
 using emulatedusb::kWaitMs;
 using emulatedusb::waitUntil;
-using replyframes::frame;
 using namespace usbreports;
 
 namespace {
 constexpr unsigned short kVid = 0x1209;
 constexpr unsigned short kPid = 0x0004;
 
-// Reply n: B1 and B3 carry the number, no block is announced.
-std::array<quint8, 7> numbered(int n)
-{
-    return {0x40, quint8(n >> 8), 0x00, quint8(n), 0x00, 0x00, 0x00};
-}
+// Reply n: 40, then B1 and B3 carry the number, no block is announced. As the
+// device sends them: "[" "R", then B0..B6 and their 8-bit sum as hex digit
+// pairs, then "]".
+const QByteArray kReply1 = QByteArrayLiteral("[R4000000100000041]");
+const QByteArray kReply2 = QByteArrayLiteral("[R4000000200000042]");
+const QByteArray kReply3 = QByteArrayLiteral("[R4000000300000043]");
+// 40 7F 00 FF 00 00 00, check byte BE.
+const QByteArray kReply7FFF = QByteArrayLiteral("[R407F00FF000000BE]");
 
 std::vector<int> queuedNumbers()
 {
@@ -145,7 +146,7 @@ void TestRealHidFaults::checkCarriesNextCommand()
     m_port->sendDatatoDevice(&command);
     QCOMPARE(emulatedhid::readOutputReport(m_device.master, kWaitMs),
              commandReports(m_port->produceCmds(command)).front());
-    QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(frame(numbered(0x7FFF)))));
+    QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(kReply7FFF)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), queued + 1, kWaitMs);
     QCOMPARE(queuedNumbers().back(), 0x7FFF);
 }
@@ -200,11 +201,11 @@ void TestRealHidFaults::deviceVanishingDuringLongWriteEndsTheWriteAndClosesTheLi
 
 void TestRealHidFaults::deviceVanishingDuringReadDropsOnlyTheUnfinishedFrame()
 {
-    QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(frame(numbered(1)))));
+    QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(kReply1)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     // The first ten bytes of the next reply; the reader then waits in its
     // next read when the device goes.
-    const QByteArray second = frame(numbered(2));
+    const QByteArray second = kReply2;
     QVERIFY(emulatedhid::writeInput(m_device.master, second.left(10)));
     QTRY_COMPARE_WITH_TIMEOUT(m_port->buffData(), second.left(10), kWaitMs);
     QVERIFY(pullOut());
@@ -214,7 +215,7 @@ void TestRealHidFaults::deviceVanishingDuringReadDropsOnlyTheUnfinishedFrame()
 
     // Back again: the rest of the cut reply is garbage, the next one a reply.
     QVERIFY(plugBackAndReopen());
-    QVERIFY(emulatedhid::writeInput(m_device.master, second.mid(10) + inputReport(frame(numbered(3)))));
+    QVERIFY(emulatedhid::writeInput(m_device.master, second.mid(10) + inputReport(kReply3)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);
     // Every byte has been through the reassembly; nothing else came of it.
     QTRY_VERIFY_WITH_TIMEOUT(m_port->buffData().size() < 19, kWaitMs);

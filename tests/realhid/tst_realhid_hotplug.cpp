@@ -13,7 +13,6 @@
 #include "PortUSB.h"
 #include "ProtocolData.h"
 #include "ReceiveQueue.h"
-#include "ReplyFrames.h"
 #include "UsbReports.h"
 #include "UsbSignalLog.h"
 
@@ -80,7 +79,8 @@ void TestRealHidHotPlug::checkRoundTrip()
     m_port->sendDatatoDevice(&record);
     QCOMPARE(emulatedhid::readOutputReport(m_device.master, kWaitMs),
              usbreports::outputReport("[A2100000000000021]"));
-    const QByteArray reply = replyframes::frame({0x21, 0, 0, 0, 0, 0, 0});
+    // "[" "R", 21 00 00 00 00 00 00 and their 8-bit sum 21 as hex digits, "]".
+    const QByteArray reply = QByteArrayLiteral("[R2100000000000021]");
     QVERIFY(emulatedhid::writeInput(m_device.master, usbreports::inputReport(reply)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), queued + 1, kWaitMs);
     QCOMPARE(testqueue::records().back().commandByte, quint8(0x21));
@@ -115,7 +115,7 @@ void TestRealHidHotPlug::removalClosesTheTransportThenEmitsFalse()
     m_openAtEvent.clear();
     QVERIFY(emulatedusb::watcherPolls(*m_bed, 2));
     // Half a reply waits in the receive buffer.
-    const QByteArray half = replyframes::frame({0x31, 0, 0, 0, 0, 0, 0}).left(9);
+    const QByteArray half = QByteArrayLiteral("[R3100000000000031]").left(9);
     QVERIFY(emulatedhid::writeInput(m_device.master, half));
     QTRY_COMPARE_WITH_TIMEOUT(m_port->buffData(), half, kWaitMs);
 

@@ -21,11 +21,9 @@
 #include "PortUSB.h"
 #include "ProtocolData.h"
 #include "ReceiveQueue.h"
-#include "ReplyFrames.h"
 #include "UsbReports.h"
 
 using emulatedusb::kWaitMs;
-using replyframes::frame;
 using namespace usbreports;
 
 namespace {
@@ -34,6 +32,9 @@ namespace {
 constexpr unsigned short kVid = 0x1209;
 constexpr unsigned short kPid = 0x0001;
 constexpr unsigned short kOtherPid = 0x0002;
+// The replies in these tests are written out as the device sends them: "["
+// "R", then B0..B6 and the check byte (the 8-bit sum of B0..B6) as hex digit
+// pairs, then "]".
 
 QString recvLine(const QByteArray &frameBytes)
 {
@@ -191,7 +192,7 @@ void TestRealHidUsb::updateSplit()
 void TestRealHidUsb::replyBecomesRecordWithLinkTwoAndUsb()
 {
     LogCapture log;
-    const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6});
+    const QByteArray reply = QByteArrayLiteral("[R5A0102030405066F]"); // check byte 6F
     QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(reply)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     const ProtocolData record = testqueue::records().front();
@@ -207,7 +208,7 @@ void TestRealHidUsb::replyBecomesRecordWithLinkTwoAndUsb()
 void TestRealHidUsb::frameWithZeroPaddingYieldsOneRecord()
 {
     LogCapture log;
-    const QByteArray reply = frame({3, 0, 0, 0, 0, 0, 0});
+    const QByteArray reply = QByteArrayLiteral("[R0300000000000003]");
     QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(reply)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     // The 45 zero bytes go on a later turn, without a record or a log line.
@@ -220,8 +221,8 @@ void TestRealHidUsb::frameWithZeroPaddingYieldsOneRecord()
 void TestRealHidUsb::twoFramesInOneReportYieldTwoRecords()
 {
     LogCapture log;
-    const QByteArray first = frame({0x11, 0, 0, 0, 0, 0, 0});
-    const QByteArray second = frame({0x22, 0, 0, 0, 0, 0, 0});
+    const QByteArray first = QByteArrayLiteral("[R1100000000000011]");
+    const QByteArray second = QByteArrayLiteral("[R2200000000000022]");
     QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(first + second)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);
     // Each record goes through a hand-off thread of its own: the queue's order
@@ -237,7 +238,7 @@ void TestRealHidUsb::twoFramesInOneReportYieldTwoRecords()
 void TestRealHidUsb::frameSplitOverReportsIsRecognised()
 {
     LogCapture log;
-    const QByteArray reply = frame({0x66, 1, 0, 0, 0, 0, 0});
+    const QByteArray reply = QByteArrayLiteral("[R6601000000000067]"); // check byte 66 + 01
     QVERIFY(emulatedhid::writeInput(m_device.master, reply.left(12)));
     QTRY_COMPARE_WITH_TIMEOUT(m_port->buffData(), reply.left(12), kWaitMs);
     QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(reply.mid(12))));
@@ -249,11 +250,12 @@ void TestRealHidUsb::frameSplitOverReportsIsRecognised()
 void TestRealHidUsb::wrongCheckByteLogsPortUsbLineAndYieldsNoRecord()
 {
     LogCapture log;
-    QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(frame({0x5A, 1, 2, 3, 4, 5, 6}, 0x70))));
+    // Check byte 70 where the sum of 5A 01 02 03 04 05 06 is 6F.
+    QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(QByteArrayLiteral("[R5A01020304050670]"))));
     const QString checkLine = QStringLiteral("PortUSB::getArrayData   dataStr==5A01020304050670");
     QVERIFY(log.waitFor(checkLine, kWaitMs));
     // A good frame afterwards is the only record.
-    const QByteArray good = frame({0x07, 0, 0, 0, 0, 0, 0});
+    const QByteArray good = QByteArrayLiteral("[R0700000000000007]");
     QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(good)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().commandByte, quint8(0x07));
@@ -264,7 +266,7 @@ void TestRealHidUsb::blockAnnouncingFrameIsQueuedAtOnceAndItsBytesDropped()
 {
     LogCapture log;
     // B2 = 0x79 announces three bytes (B5 = 3, B6 = 0); they follow at once.
-    const QByteArray reply = frame({0x42, 0x00, 0x79, 0x00, 0x00, 0x03, 0x00});
+    const QByteArray reply = QByteArrayLiteral("[R42007900000300BE]"); // check byte BE
     QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(reply + QByteArray("\x01\x02\x03", 3))));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().payload, QByteArray());

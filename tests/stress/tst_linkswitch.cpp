@@ -17,13 +17,15 @@
 #include <unistd.h>
 
 #include "CommandFrame.h"
+#include "GeneratedReplies.h"
 #include "LogCapture.h"
 #include "PortInterface.h"
 #include "ReceiveQueue.h"
 #include "PortSerial.h"
 #include "PortUSB.h"
-#include "ReplyFrames.h"
 #include "SimulatedHid.h"
+
+using generatedreplies::replyFrame;
 
 namespace {
 constexpr int kSwitches = 1002; // a multiple of three: every link as often
@@ -90,7 +92,7 @@ private:
             quint16 senderPort = 0;
             m_socket.readDatagram(datagram.data(), datagram.size(), &sender, &senderPort);
             const quint32 seq = m_next++;
-            const QByteArray reply = replyframes::frame(sequenced(0xA1, seq));
+            const QByteArray reply = replyFrame(sequenced(0xA1, seq));
             m_sent.add(0, 0xA1, seq);
             m_socket.writeDatagram(reply, sender, senderPort);
             m_socket.writeDatagram(QByteArray("garbage"), sender, senderPort);
@@ -145,7 +147,7 @@ private:
         while (!m_stop && timer.elapsed() < kDeadlineMs + 10000 && seq < 200000) {
             if (pending.isEmpty()) {
                 static const char *const garbage[] = {"zz", "\x00\xff\x7f", "[Q", "[Rxx", "]]"};
-                pending = QByteArray(garbage[seq % 5]) + replyframes::frame(sequenced(0xB2, seq));
+                pending = QByteArray(garbage[seq % 5]) + replyFrame(sequenced(0xB2, seq));
                 m_sent.add(1, 0xB2, seq); // counted once fully queued for writing: the stream stays whole
                 ++seq;
             }
@@ -202,7 +204,7 @@ private:
             // Keep a few reports waiting, no more: an open device drains them.
             if (simhid::pendingInput() < 4) {
                 QByteArray report = (seq % 3 == 0 ? QByteArray("\x01junk") : QByteArray())
-                                    + replyframes::frame(sequenced(0xC3, seq));
+                                    + replyFrame(sequenced(0xC3, seq));
                 m_sent.add(2, 0xC3, seq);
                 ++seq;
                 simhid::queueInput(report.leftJustified(64, '\0'));
@@ -307,9 +309,19 @@ class TestLinkSwitch : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase();
     void switchingLinksUnderTrafficKeepsOnlySentReplies();
     void switchingFromAWorkerThreadWhileAnotherThreadSends();
 };
+
+void TestLinkSwitch::initTestCase()
+{
+    // The devices' replies are generated; these are as each device sends them:
+    // "[" "R", then B0..B6 and their 8-bit sum as hex digit pairs, then "]".
+    QCOMPARE(replyFrame(sequenced(0xA1, 0x030201)), QByteArrayLiteral("[RA1010002030000A7]"));
+    QCOMPARE(replyFrame(sequenced(0xB2, 0x0A0B0C)), QByteArrayLiteral("[RB20C000B0A0000D3]"));
+    QCOMPARE(replyFrame(sequenced(0xC3, 0xFFFFFF)), QByteArrayLiteral("[RC3FF00FFFF0000C0]"));
+}
 
 void TestLinkSwitch::switchingLinksUnderTrafficKeepsOnlySentReplies()
 {

@@ -7,6 +7,8 @@
 
 // Reply frames as a device sends them on the serial line or over USB:
 // "[" "R", B0..B6 and the check byte as hex digit pairs, "]".
+// For the benchmarks' simulated devices. Tests write their replies out, or
+// take many numbered ones from GeneratedReplies.h.
 namespace replyframes {
 
 enum class Case { Upper, Lower };

@@ -8,7 +8,6 @@
 #include "LogCapture.h"
 #include "ProtocolData.h"
 #include "ReceiveQueue.h"
-#include "ReplyFrames.h"
 
 // Checks that the serial and USB transports share: their reply hand-off and
 // reassembly operations, which forward to the one stream reassembly. Each is
@@ -62,7 +61,8 @@ void reassemblyOperationsWorkOnTransportsBuffer(quint8 linkByte)
 {
     LogCapture log;
     Port port;
-    const QByteArray reply = replyframes::frame({0x21, 0, 0, 0, 0, 0, 0});
+    // 21 00 00 00 00 00 00, check byte 21.
+    const QByteArray reply = QByteArrayLiteral("[R2100000000000021]");
     port.appendBuffData("zz" + reply);
     QCOMPARE(port.getBuffData(3), QByteArray("zz["));
     QVERIFY(port.isFindStdCmdPreFlag(port.getBuffData(1024)));
@@ -72,7 +72,7 @@ void reassemblyOperationsWorkOnTransportsBuffer(quint8 linkByte)
     QCOMPARE(decoded.commandByte, quint8(0x21));
     QVERIFY(port.checkCMD(port.getBuffData(1024)));
     QCOMPARE(port.buffData(), QByteArray());
-    port.appendBuffData(replyframes::blockWithCheckByte("\x07"));
+    port.appendBuffData(QByteArray("\x07\x07", 2)); // block 07, check byte 07
     QVERIFY(port.checkBlock(decoded, 2));
     QCOMPARE(port.takeBuffData(5), QByteArray());
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);

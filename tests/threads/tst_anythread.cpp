@@ -27,7 +27,6 @@
 #include "PortUDP.h"
 #include "PseudoTerminal.h"
 #include "ReceiveQueue.h"
-#include "ReplyFrames.h"
 #include "SerialLink.h"
 #include "ThreadCount.h"
 
@@ -35,6 +34,13 @@ namespace {
 constexpr int kSenders = 2;
 constexpr int kCommandsEach = 1000;
 constexpr qint64 kDeadlineMs = 30000;
+
+// Replies of command 0x21 to 0x24 with all parameters 0, as the device sends
+// them: "[" "R", B0..B6 and their 8-bit sum (here B0) as hex digits, "]".
+const QByteArray kReply21 = QByteArrayLiteral("[R2100000000000021]");
+const QByteArray kReply22 = QByteArrayLiteral("[R2200000000000022]");
+const QByteArray kReply23 = QByteArrayLiteral("[R2300000000000023]");
+const QByteArray kReply24 = QByteArrayLiteral("[R2400000000000024]");
 
 // A command whose parameter bytes carry its sender and sequence number.
 ProtocolData numberedCommand(int sender, int seq)
@@ -273,7 +279,7 @@ void TestAnyThread::udpSendsFromTwoWorkersAfterCreatorEndedArriveOnceEach()
     QLoggingCategory::setFilterRules(QString());
     checkEachFrameOnce(device.join());
     // A reply still arrives: it is read on the transport's own thread.
-    QVERIFY(device.reply(replyframes::frame({0x21, 0, 0, 0, 0, 0, 0})));
+    QVERIFY(device.reply(kReply21));
     QTRY_COMPARE(testqueue::length(), size_t(1));
     port.reset(); // from a thread other than the (finished) creator
 }
@@ -308,7 +314,7 @@ void TestAnyThread::serialSendsFromTwoWorkersAfterCreatorEndedArriveOnceEach()
     sendFromWorkersAndJoin(*port);
     QLoggingCategory::setFilterRules(QString());
     checkEachFrameOnce(framesIn(device.join()));
-    QVERIFY(pty.deviceSends(replyframes::frame({0x21, 0, 0, 0, 0, 0, 0})));
+    QVERIFY(pty.deviceSends(kReply21));
     QTRY_COMPARE(testqueue::length(), size_t(1));
 }
 
@@ -338,7 +344,7 @@ void TestAnyThread::udpRebuildAndSendFromWorkerWhileCreatorIsJoined()
     const QString sendData = QStringLiteral("Send data:") + QString::fromLatin1(numberedFrame(1, 1));
     QCOMPARE(log.lines(), (QStringList{"Send successful", sendData, "Send successful", sendData}));
     // The second socket took a port of its own, and the device's answer reaches it.
-    QVERIFY(device.reply(replyframes::frame({0x22, 0, 0, 0, 0, 0, 0})));
+    QVERIFY(device.reply(kReply22));
     QTRY_COMPARE(testqueue::length(), size_t(1));
     QCOMPARE(log.warnings(), QStringList());
 }
@@ -357,7 +363,7 @@ void TestAnyThread::serialOpenSendAndCloseFromWorkerWhileCreatorIsJoined()
         ProtocolData record = numberedCommand(1, 7);
         port.sendDatatoDevice(&record);
         // The device answers; the reply is read on the transport's thread.
-        pty.deviceSends(replyframes::frame({0x23, 0, 0, 0, 0, 0, 0}));
+        pty.deviceSends(kReply23);
         QElapsedTimer timer;
         timer.start();
         while (testqueue::length() < 1 && timer.elapsed() < kDeadlineMs)
@@ -384,7 +390,7 @@ void TestAnyThread::deleteFromAnotherThreadLeavesNoThreadAndKeepsQueuedRecords()
     auto serial = std::make_unique<PortSerial>();
     auto udp = std::make_unique<PortUDP>();
     QVERIFY(openOn(*serial, pty));
-    QVERIFY(pty.deviceSends(replyframes::frame({0x24, 0, 0, 0, 0, 0, 0})));
+    QVERIFY(pty.deviceSends(kReply24));
     QTRY_COMPARE(testqueue::length(), size_t(1));
     std::thread deleter([&] {
         serial.reset();

@@ -13,13 +13,9 @@
 #include "ProtocolData.h"
 #include "PseudoTerminal.h"
 #include "ReceiveQueue.h"
-#include "ReplyFrames.h"
 #include "SerialLink.h"
 #include "StreamTransportChecks.h"
 #include "ThreadCount.h"
-
-using replyframes::blockWithCheckByte;
-using replyframes::frame;
 
 namespace {
 constexpr int kWaitMs = 5000;
@@ -54,11 +50,12 @@ struct Link
         QVERIFY(openOn(*(link).port, (link).pty));                                                                    \
     } while (false)
 
-// A block-announcing reply frame: B2 = 0x79 (or as given), length in B5/B6.
-QByteArray blockFrame(quint8 b2, unsigned short length, quint8 b3 = 0)
-{
-    return frame({0x42, 0x00, b2, b3, 0x00, quint8(length & 0xFF), quint8(length >> 8)});
-}
+// Reply frames as the device sends them: "[" "R", then B0..B6 and the check
+// byte (the 8-bit sum of B0..B6) as hex digit pairs, then "]".
+// 5A 01 02 03 04 05 06, check byte 6F.
+const QByteArray kReply5A = QByteArrayLiteral("[R5A0102030405066F]");
+// 42 00 79 00 00 03 00: announces a block of three bytes, check byte BE.
+const QByteArray kAnnouncesBlockOf3 = QByteArrayLiteral("[R42007900000300BE]");
 
 QString recvLine(const QByteArray &frameBytes)
 {
@@ -283,7 +280,7 @@ void TestPortSerial::secondOpenLeavesOneWorkerAndEmptyBuffer()
     QVERIFY(port.m_com->isOpen());
     QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 1, kWaitMs);
     // The new worker is the one that runs: a frame still becomes a record.
-    QVERIFY(link.pty.deviceSends(frame({9, 0, 0, 0, 0, 0, 0})));
+    QVERIFY(link.pty.deviceSends(QByteArrayLiteral("[R0900000000000009]")));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(port.runningWorkers(), 1);
 }
@@ -335,7 +332,7 @@ void TestPortSerial::destructorStopsWorkerOfOpenPort()
     Link<> link;
     OPEN_LINK(link);
     std::unique_ptr<PortSerial> &port = link.port;
-    QVERIFY(link.pty.deviceSends(frame({1, 0, 0, 0, 0, 0, 0})));
+    QVERIFY(link.pty.deviceSends(QByteArrayLiteral("[R0100000000000001]")));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     port.reset();
     QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= link.threadsBefore, kWaitMs);
@@ -382,7 +379,7 @@ void TestPortSerial::reopenAfterResourceErrorLeavesOneWorker()
     // The worker the error left running is restarted, not joined by a second.
     QVERIFY(openOn(port, link.pty));
     QCOMPARE(port.runningWorkers(), 1);
-    const QByteArray reply = frame({0x21, 0, 0, 0, 0, 0, 0});
+    const QByteArray reply = QByteArrayLiteral("[R2100000000000021]");
     QVERIFY(link.pty.deviceSends(reply));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
 }
@@ -410,7 +407,7 @@ void TestPortSerial::lateResourceErrorFromAnEarlierOpeningLeavesTheNewOneOpen()
     // The first opening's resource error reaches a queued connection only now.
     port.handleError(QSerialPort::ResourceError);
     QVERIFY(port.m_com->isOpen());
-    QVERIFY(next.deviceSends(frame({0x25, 0, 0, 0, 0, 0, 0})));
+    QVERIFY(next.deviceSends(QByteArrayLiteral("[R2500000000000025]")));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
 }
 
@@ -470,7 +467,7 @@ void TestPortSerial::closingOnReadErrorEndsHangUpAtOnce()
     QCOMPARE(port.m_threadRun.load(), false);
     QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 0, kWaitMs);
     const int errorsAfterClose = errors.errorCount();
-    QTest::qWait(200);
+    QTest::qWait(200); // no further error comes
     QCOMPARE(errors.errorCount(), errorsAfterClose);
 }
 
@@ -504,7 +501,7 @@ void TestPortSerial::setDealFlagFalseStopsWorkerAndTrueDoesNotRestartIt()
     QCOMPARE(port.m_threadRun.load(), true);
     QCOMPARE(port.runningWorkers(), 0);
     // Bytes still collect, but nobody turns them into records.
-    const QByteArray reply = frame({5, 0, 0, 0, 0, 0, 0});
+    const QByteArray reply = QByteArrayLiteral("[R0500000000000005]");
     QVERIFY(link.pty.deviceSends(reply));
     QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), reply, kWaitMs);
     QTest::qWait(50); // many worker turns, had there been a worker
@@ -598,7 +595,7 @@ void TestPortSerial::openAndCloseFromAnotherThreadUseThePortOnItsOwnThread()
     QVERIFY(runOnAnotherThread([&] { opened = openOn(port, link.pty); }));
     QVERIFY(opened);
     // Replies are read on the transport's I/O thread, where the port lives.
-    QVERIFY(link.pty.deviceSends(frame({0x5A, 1, 2, 3, 4, 5, 6})));
+    QVERIFY(link.pty.deviceSends(kReply5A));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QVERIFY(runOnAnotherThread([&] { port.closeSerialPort(); }));
     QVERIFY(!port.m_com->isOpen());
@@ -661,7 +658,7 @@ void TestPortSerial::replyBecomesRecordNamedAfterPort()
     PortSerial &port = *link.port;
     port.setDeviceType(kDeviceType);
     LogCapture log;
-    const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6});
+    const QByteArray reply = kReply5A;
     QVERIFY(link.pty.deviceSends(reply));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     const ProtocolData record = testqueue::records().front();
@@ -683,7 +680,7 @@ void TestPortSerial::strayBytesBeforeFrameAreDropped()
     OPEN_LINK(link);
     PortSerial &port = *link.port;
     LogCapture log;
-    const QByteArray reply = frame({0x10, 0x20, 0, 0, 0, 0, 0});
+    const QByteArray reply = QByteArrayLiteral("[R1020000000000030]"); // check byte 10 + 20
     QVERIFY(link.pty.deviceSends("\xAA\x55" + reply));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().commandByte, quint8(0x10));
@@ -707,7 +704,7 @@ void TestPortSerial::blockWithGoodCheckByteBecomesPayload()
     OPEN_LINK(link);
     PortSerial &port = *link.port;
     LogCapture log;
-    const QByteArray reply = blockFrame(0x79, 3);
+    const QByteArray reply = kAnnouncesBlockOf3;
     QVERIFY(link.pty.deviceSends(reply + QByteArray("\x01\x02\x03", 3)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().payload, QByteArray("\x01\x02\x03", 3));
@@ -721,7 +718,7 @@ void TestPortSerial::blockWithBadCheckByteIsReported()
     OPEN_LINK(link);
     PortSerial &port = *link.port;
     LogCapture log;
-    const QByteArray reply = blockFrame(0x79, 3);
+    const QByteArray reply = kAnnouncesBlockOf3;
     QVERIFY(link.pty.deviceSends(reply + QByteArray("\x01\x02\x04", 3)));
     // The frame text, one blank, then the failure text.
     const QString failure = QStringLiteral("Recv data:[R42007900000300BE] CheckBlock default:");
@@ -735,8 +732,10 @@ void TestPortSerial::frame8EWithout27IsFollowedByOrdinaryData()
 {
     Link<> link;
     OPEN_LINK(link);
-    const QByteArray next = frame({0x66, 0, 0, 0, 0, 0, 0});
-    QVERIFY(link.pty.deviceSends(blockFrame(0x8E, 3, 0x28) + blockWithCheckByte("\x01\x02") + next));
+    const QByteArray next = QByteArrayLiteral("[R6600000000000066]");
+    // 42 00 8E 28 00 03 00 (check byte FB): with B3 = 0x28, not 0x27, no block
+    // follows, so the three bytes 01 02 03 after it are ordinary data.
+    QVERIFY(link.pty.deviceSends(QByteArrayLiteral("[R42008E28000300FB]") + QByteArray("\x01\x02\x03", 3) + next));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);
     const std::vector<ProtocolData> records = testqueue::records();
     for (const ProtocolData &record : records)
@@ -748,7 +747,8 @@ void TestPortSerial::blockE1OfLengthZeroIsQueuedAtOnce()
 {
     Link<> link;
     OPEN_LINK(link);
-    QVERIFY(link.pty.deviceSends(blockFrame(0xE1, 0)));
+    // 42 00 E1 00 00 00 00 (check byte 23): a block of length 0.
+    QVERIFY(link.pty.deviceSends(QByteArrayLiteral("[R4200E10000000023]")));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().payload, QByteArray());
     QCOMPARE(testqueue::records().front().paramBytes[1], quint8(0xE1));
@@ -759,7 +759,7 @@ void TestPortSerial::blockNeverSentIsReportedAfterWaitAndLaterFramesWork()
     Link<> link;
     OPEN_LINK(link);
     LogCapture log;
-    const QByteArray reply = blockFrame(0x79, 3);
+    const QByteArray reply = kAnnouncesBlockOf3;
     QElapsedTimer timer;
     timer.start();
     QVERIFY(link.pty.deviceSends(reply));
@@ -767,7 +767,7 @@ void TestPortSerial::blockNeverSentIsReportedAfterWaitAndLaterFramesWork()
     QVERIFY2(timer.elapsed() >= 600, "150 block-wait sleeps of 4 ms come first");
     QCOMPARE(testqueue::length(), size_t(0));
 
-    QVERIFY(link.pty.deviceSends(frame({0x77, 0, 0, 0, 0, 0, 0})));
+    QVERIFY(link.pty.deviceSends(QByteArrayLiteral("[R7700000000000077]")));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().commandByte, quint8(0x77));
 }
@@ -777,7 +777,7 @@ void TestPortSerial::frameSplitAcrossReadsIsRecognised()
     Link<> link;
     OPEN_LINK(link);
     PortSerial &port = *link.port;
-    const QByteArray reply = frame({0x12, 0x34, 0x56, 0, 0, 0, 0});
+    const QByteArray reply = QByteArrayLiteral("[R123456000000009C]"); // check byte 12 + 34 + 56
     QVERIFY(link.pty.deviceSends(reply.left(7)));
     QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), reply.left(7), kWaitMs);
     QVERIFY(link.pty.deviceSends(reply.mid(7, 11)));
@@ -794,7 +794,7 @@ void TestPortSerial::wrongCheckByteIsReported()
     OPEN_LINK(link);
     PortSerial &port = *link.port;
     LogCapture log;
-    const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6}, 0x00);
+    const QByteArray reply = QByteArrayLiteral("[R5A01020304050600]"); // check byte 00, not the sum 6F
     const QString failure = QStringLiteral("PortSerial::getArrayData   dataStr==5A01020304050600");
     QVERIFY(link.pty.deviceSends(reply));
     QTRY_COMPARE_WITH_TIMEOUT(log.count(failure), 1, kWaitMs);
@@ -809,9 +809,10 @@ void TestPortSerial::lowerCaseDigitsDecodeLikeUpperCase()
     Link<> link;
     OPEN_LINK(link);
     const std::array<quint8, 7> bytes{0xAB, 0xCD, 0xEF, 0x0A, 0xBC, 0xDE, 0xF0};
-    QVERIFY(link.pty.deviceSends(frame(bytes, -1, replyframes::Case::Lower)));
+    // Check byte FB, the sum of those bytes.
+    QVERIFY(link.pty.deviceSends(QByteArrayLiteral("[Rabcdef0abcdef0fb]")));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
-    QVERIFY(link.pty.deviceSends(frame(bytes, -1, replyframes::Case::Upper)));
+    QVERIFY(link.pty.deviceSends(QByteArrayLiteral("[RABCDEF0ABCDEF0FB]")));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);
     const std::vector<ProtocolData> records = testqueue::records();
     for (const ProtocolData &record : records) {

@@ -20,14 +20,11 @@
 #include "PortUSB.h"
 #include "ProtocolData.h"
 #include "ReceiveQueue.h"
-#include "ReplyFrames.h"
 #include "SimulatedHid.h"
 #include "StreamTransportChecks.h"
 #include "ThreadCount.h"
 #include "UsbReports.h"
 
-using replyframes::blockWithCheckByte;
-using replyframes::frame;
 using namespace usbreports;
 
 namespace {
@@ -35,6 +32,9 @@ constexpr unsigned short kVid = 0x1A86;
 constexpr unsigned short kPid = 0xE010;
 constexpr int kWaitMs = 5000;
 const auto kDeviceType = static_cast<ModulelEnum::DeviceType>(0x0A0B0C0D);
+// The replies in these tests are written out as the device sends them: "["
+// "R", then B0..B6 and the check byte (the 8-bit sum of B0..B6) as hex digit
+// pairs, then "]".
 
 ProtocolData command(quint8 commandByte, std::array<quint8, 6> params, const QByteArray &payload = {})
 {
@@ -294,7 +294,7 @@ void TestPortUSB::reopenClosesOldDeviceKeepsBufferAndStartsFreshPair()
     PortUSB port;
     QVERIFY(openOn(port));
     // The first half of a reply arrives from the first device.
-    const QByteArray reply = frame({0x31, 0, 0, 0, 0, 0, 0});
+    const QByteArray reply = QByteArrayLiteral("[R3100000000000031]"); // check byte 31
     simhid::queueInput(reply.left(9));
     QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), reply.left(9), kWaitMs);
 
@@ -355,7 +355,7 @@ void TestPortUSB::destructorClosesDeviceAndEndsEveryWorker()
     const int threadsBefore = threadCount();
     auto port = std::make_unique<PortUSB>();
     QVERIFY(openOn(*port));
-    simhid::queueInput(inputReport(frame({1, 0, 0, 0, 0, 0, 0})));
+    simhid::queueInput(inputReport(QByteArrayLiteral("[R0100000000000001]")));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     port->clearQueue();
     port.reset();
@@ -637,7 +637,7 @@ void TestPortUSB::replyBecomesRecordWithLinkTwoAndUsb()
     port.setDeviceType(kDeviceType);
     QVERIFY(openOn(port));
     LogCapture log;
-    const QByteArray reply = frame({0x5A, 1, 2, 3, 4, 5, 6});
+    const QByteArray reply = QByteArrayLiteral("[R5A0102030405066F]"); // check byte 6F
     simhid::queueInput(inputReport(reply));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     const ProtocolData record = testqueue::records().front();
@@ -657,7 +657,7 @@ void TestPortUSB::frameWithZeroPaddingYieldsOneRecord()
 {
     PortUSB port;
     QVERIFY(openOn(port));
-    const QByteArray report = frame({3, 0, 0, 0, 0, 0, 0}) + QByteArray(45, '\0');
+    const QByteArray report = QByteArrayLiteral("[R0300000000000003]") + QByteArray(45, '\0');
     QCOMPARE(report.size(), 64);
     simhid::queueInput(report);
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
@@ -674,7 +674,7 @@ void TestPortUSB::blockAnnouncingFrameIsQueuedAtOnceAndItsBytesDropped()
     QVERIFY(openOn(port));
     LogCapture log;
     // B2 = 0x79 announces three bytes (B5 = 3, B6 = 0); they follow at once.
-    const QByteArray reply = frame({0x42, 0x00, 0x79, 0x00, 0x00, 0x03, 0x00});
+    const QByteArray reply = QByteArrayLiteral("[R42007900000300BE]"); // check byte BE
     simhid::queueInput(inputReport(reply + QByteArray("\x01\x02\x03", 3)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().payload, QByteArray());
@@ -689,8 +689,8 @@ void TestPortUSB::twoFramesInOneReportYieldTwoRecords()
     PortUSB port;
     QVERIFY(openOn(port));
     LogCapture log;
-    const QByteArray first = frame({0x11, 0, 0, 0, 0, 0, 0});
-    const QByteArray second = frame({0x22, 0, 0, 0, 0, 0, 0});
+    const QByteArray first = QByteArrayLiteral("[R1100000000000011]");
+    const QByteArray second = QByteArrayLiteral("[R2200000000000022]");
     simhid::queueInput(inputReport(first + second));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);
     // Each record goes through a hand-off thread of its own, so the queue's
@@ -711,11 +711,12 @@ void TestPortUSB::wrongCheckByteLogsPortUsbLineAndYieldsNoRecord()
     PortUSB port;
     QVERIFY(openOn(port));
     LogCapture log;
-    simhid::queueInput(inputReport(frame({0x5A, 1, 2, 3, 4, 5, 6}, 0x70)));
+    // Check byte 70 where the sum of 5A 01 02 03 04 05 06 is 6F.
+    simhid::queueInput(inputReport(QByteArrayLiteral("[R5A01020304050670]")));
     const QString checkLine = QStringLiteral("PortUSB::getArrayData   dataStr==5A01020304050670");
     QVERIFY(log.waitFor(checkLine, kWaitMs));
     // A good frame afterwards is the only record.
-    const QByteArray good = frame({0x07, 0, 0, 0, 0, 0, 0});
+    const QByteArray good = QByteArrayLiteral("[R0700000000000007]");
     simhid::queueInput(inputReport(good));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().commandByte, quint8(0x07));
@@ -726,7 +727,7 @@ void TestPortUSB::frameSplitOverReportsIsRecognised()
 {
     PortUSB port;
     QVERIFY(openOn(port));
-    const QByteArray reply = frame({0x66, 1, 0, 0, 0, 0, 0});
+    const QByteArray reply = QByteArrayLiteral("[R6601000000000067]"); // check byte 66 + 01
     simhid::queueInput(reply.left(12));
     QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), reply.left(12), kWaitMs);
     simhid::queueInput(reply.mid(12));
@@ -743,7 +744,7 @@ void TestPortUSB::checkBlockQueuesBlockKeepingCallersSourceText()
 {
     PortUSB port;
     port.setDeviceType(kDeviceType);
-    const QByteArray block = blockWithCheckByte("\x0A\x0B\x0C");
+    const QByteArray block("\x0A\x0B\x0C\x21", 4); // check byte 0A + 0B + 0C
     port.appendBuffData(block + "rest");
     ProtocolData record;
     record.sourceText = QStringLiteral("as passed");
@@ -765,7 +766,7 @@ void TestPortUSB::checkBlockQueuesBlockKeepingCallersSourceText()
 void TestPortUSB::threadDealDataFuncWithFlagFalseReturnsAtOnce()
 {
     PortUSB port;
-    port.appendBuffData(frame({1, 0, 0, 0, 0, 0, 0}));
+    port.appendBuffData(QByteArrayLiteral("[R0100000000000001]"));
     port.ThreadDealDataFunc();
     // Not a single turn ran.
     QCOMPARE(port.buffData().size(), 19);

@@ -22,7 +22,6 @@
 #include "PortUSB.h"
 #include "ProtocolData.h"
 #include "ReceiveQueue.h"
-#include "ReplyFrames.h"
 
 namespace {
 // pid.codes' vendor with one of its product ids set aside for testing.
@@ -189,7 +188,8 @@ void TestPortUSBUhid::commandAndReplyRoundTripThroughKernel()
     QCOMPARE(output.mid(1, 19), QByteArray("[A5a0102030405066f]"));
     QCOMPARE(output.mid(20), QByteArray(45, '\0'));
 
-    const QByteArray reply = replyframes::frame({0x5A, 1, 2, 3, 4, 5, 6});
+    // "[" "R", 5A 01 02 03 04 05 06 and their 8-bit sum 6F as hex digits, "]".
+    const QByteArray reply = QByteArrayLiteral("[R5A0102030405066F]");
     QVERIFY(device.sendInput(reply + QByteArray(64 - reply.size(), '\0')));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     const ProtocolData received = testqueue::records().front();
