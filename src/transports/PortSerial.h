@@ -33,7 +33,7 @@ class StreamReassembler;
 // The port's error signal is not connected here: an application that wants a
 // vanished device to close the port connects QSerialPort::errorOccurred of
 // m_com to handleError.
-class PortSerial : public PortBase
+class COMM_MODULE_EXPORT PortSerial : public PortBase
 {
     Q_OBJECT
 
