@@ -30,7 +30,7 @@ allowed="^(($class_pattern)::"
 allowed+="|(non-virtual |virtual )?thunk to ($class_pattern)::"
 allowed+="|(vtable|VTT|typeinfo|typeinfo name) for ($class_pattern)\$"
 allowed+="|_init\$|_fini\$|_edata\$|_end\$|__bss_start\$"
-allowed+="|__odr_asan_gen_|__asan_|__ubsan_|__sancov_|__start___sancov|__stop___sancov"
+allowed+="|__odr_asan[._]|__asan_|__ubsan_|__sancov_|__start___sancov|__stop___sancov"
 allowed+=")"
 
 internal=$(grep -E '(^|[^A-Za-z0-9_])comm::' <<<"$symbols" || true)
