@@ -7,12 +7,13 @@
 #include <QString>
 
 #include "ModulelEnum.h"
+#include "comm_module_export.h"
 
 // The abstract transport. The application drives every link through these
 // virtual operations and hands commands in through the slot sendDatatoDevice.
 // A transport for which an operation has no meaning overrides it with an empty
 // body, or one that returns false.
-class PortBase : public QObject
+class COMM_MODULE_EXPORT PortBase : public QObject
 {
     Q_OBJECT
 

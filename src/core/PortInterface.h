@@ -11,7 +11,7 @@ enum ConnType : int {
 
 // The transport factory. It keeps the single current transport of the process.
 // Use it from the application's main thread only.
-class PortInterface
+class COMM_MODULE_EXPORT PortInterface
 {
 public:
     PortInterface();

@@ -31,7 +31,7 @@ class IoThread;
 // The port's error signal is not connected here: an application that wants a
 // vanished device to close the port connects QSerialPort::errorOccurred of
 // m_com to handleError.
-class PortSerial : public PortBase, public StreamTransport
+class COMM_MODULE_EXPORT PortSerial : public PortBase, public StreamTransport
 {
     Q_OBJECT
 

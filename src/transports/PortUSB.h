@@ -32,7 +32,7 @@ enum class ReportSplit;
 // transport) and its return through signalUSBChanged. It serves the oldest
 // PortUSB still alive, and nothing once none is. It never reopens the device:
 // on signalUSBChanged(true) the application calls openUSB again.
-class PortUSB : public PortBase, public StreamTransport
+class COMM_MODULE_EXPORT PortUSB : public PortBase, public StreamTransport
 {
     Q_OBJECT
 

@@ -7,6 +7,7 @@
 #include "CmdDealModule.h"
 #include "ModulelEnum.h"
 #include "ProtocolData.h"
+#include "comm_module_export.h"
 
 namespace comm {
 struct StreamLink;
@@ -17,7 +18,7 @@ struct StreamReassemblyConfig;
 // the receive buffer their replies are reassembled from, the reply hand-off,
 // the worker threads, and the operations on them that both transports offer.
 // Each transport derives from PortBase first and from this second.
-class StreamTransport
+class COMM_MODULE_EXPORT StreamTransport
 {
 public:
     StreamTransport(const StreamTransport &) = delete;

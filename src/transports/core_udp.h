@@ -33,7 +33,7 @@ struct SendOutcome;
 // and rebuilds run; every operation may be called from any thread. Sends run
 // on the caller: only a socket's first send, which binds it, is carried over
 // to the I/O thread.
-class PortUDP : public PortBase
+class COMM_MODULE_EXPORT PortUDP : public PortBase
 {
     Q_OBJECT
 

@@ -6,9 +6,12 @@
 
 // A simulated HID device behind hidapi's functions. A test program that
 // compiles SimulatedHid.cpp defines hid_enumerate, hid_free_enumeration,
-// hid_open, hid_close, hid_read_timeout and hid_write itself; the dynamic
-// linker then binds libComm_Module's calls to these definitions instead of the
-// system's hidapi, so the transport code under test is the code that ships.
+// hid_open, hid_close, hid_read_timeout and hid_write itself. Linked with the
+// library's objects (the tests), it has their calls bound to these definitions
+// by the linker; linked with libComm_Module and exporting them
+// (commctl_simhid), it has the dynamic linker bind the shipped library's calls
+// to them. Either way the system's hidapi is bypassed, and the transport code
+// under test is the code that ships.
 //
 // There is one device. It can be present or absent (plugged in or pulled out),
 // takes input reports to hand to reads, records every output report written,

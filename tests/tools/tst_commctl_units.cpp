@@ -1,5 +1,6 @@
 #include <QtTest>
 
+#include "CommandFrame.h"
 #include "Options.h"
 #include "ProtocolData.h"
 #include "RecordFormat.h"
@@ -21,6 +22,7 @@ private slots:
     void usageErrorsNameTheOption();
     void simAcceptsPortWithoutHost();
     void simReplyEchoesCommandWithCheckByte();
+    void simCommandFrameIsTheLibrarys();
     void simRejectsCommandWithWrongCheckByte();
     void simSerialBlockEndsWithCheckByte();
     void simNetworkBlockFollowsAnnouncedLength();
@@ -180,6 +182,21 @@ void TestCommctlUnits::simReplyEchoesCommandWithCheckByte()
     sim::HeaderBytes command;
     QVERIFY(sim::parseCommandHeader("[A5a0102030405066f]", 19, &command));
     QCOMPARE(sim::replyFrame(command), QByteArray("[R5a0102030405066f]"));
+}
+
+// The demo prints the simulator's frame for each command it sends; it must be
+// the one the library writes.
+void TestCommctlUnits::simCommandFrameIsTheLibrarys()
+{
+    const sim::HeaderBytes header{0x5a, 0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x00};
+    QCOMPARE(sim::commandFrame(header), QByteArray("[A5a0102030405066f]"));
+    ProtocolData record;
+    record.commandByte = header[0];
+    for (int i = 0; i < 6; ++i)
+        record.paramBytes[i] = header[size_t(i + 1)];
+    QCOMPARE(sim::commandFrame(header), comm::commandFrame(record));
+    sim::HeaderBytes parsed;
+    QVERIFY(sim::parseCommandHeader(sim::commandFrame(header).constData(), 19, &parsed));
 }
 
 void TestCommctlUnits::simRejectsCommandWithWrongCheckByte()

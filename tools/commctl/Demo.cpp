@@ -8,10 +8,10 @@
 
 #include <array>
 
-#include "CommandFrame.h"
 #include "Console.h"
 #include "PortInterface.h"
 #include "RecordFormat.h"
+#include "SimProtocol.h"
 #include "SimulatedDevice.h"
 
 namespace {
@@ -43,9 +43,16 @@ bool Demo::exchange(PortBase *port, const DemoCommand &command)
 {
     ProtocolData record;
     record.commandByte = command.cmd;
-    for (int i = 0; i < 6; ++i)
+    sim::HeaderBytes header{command.cmd};
+    for (int i = 0; i < 6; ++i) {
         record.paramBytes[i] = command.params[size_t(i)];
-    printOut(QStringLiteral("-> %1: %2").arg(QLatin1String(command.what), QString::fromLatin1(comm::commandFrame(record))));
+        header[size_t(i + 1)] = command.params[size_t(i)];
+    }
+    // The frame as the device side of the protocol writes it: commctl keeps to
+    // the library's public classes, and the simulated device only answers a
+    // frame that matches it.
+    printOut(QStringLiteral("-> %1: %2").arg(QLatin1String(command.what),
+                                             QString::fromLatin1(sim::commandFrame(header))));
     void *parameters = &record;
     QMetaObject::invokeMethod(port, "sendDatatoDevice", Qt::DirectConnection, Q_ARG(void *, parameters));
     ++m_sent;

@@ -69,18 +69,33 @@ bool parseCommandHeader(const char *bytes, int size, HeaderBytes *header)
     return true;
 }
 
-QByteArray replyFrame(const HeaderBytes &command)
+namespace {
+// "[", the frame's letter, the eight header bytes with the check byte
+// recomputed, as lower-case hex digits, "]".
+QByteArray headerFrame(char letter, const HeaderBytes &bytes)
 {
     static const char digits[] = "0123456789abcdef";
-    HeaderBytes reply = command;
-    reply[7] = sumOfSeven(reply);
-    QByteArray frame("[R");
-    for (quint8 byte : reply) {
+    HeaderBytes header = bytes;
+    header[7] = sumOfSeven(header);
+    QByteArray frame("[");
+    frame.append(letter);
+    for (quint8 byte : header) {
         frame.append(digits[byte >> 4]);
         frame.append(digits[byte & 15]);
     }
     frame.append(']');
     return frame;
+}
+} // namespace
+
+QByteArray commandFrame(const HeaderBytes &command)
+{
+    return headerFrame('A', command);
+}
+
+QByteArray replyFrame(const HeaderBytes &command)
+{
+    return headerFrame('R', command);
 }
 
 QByteArray blockData(Link link, const HeaderBytes &command)

@@ -18,6 +18,11 @@ using HeaderBytes = std::array<quint8, 8>;
 // when the bytes are not one, or when its check byte does not match.
 bool parseCommandHeader(const char *bytes, int size, HeaderBytes *header);
 
+// The command frame for these header bytes, as a device expects it: "[A", the
+// command byte and the six parameter bytes with their check byte recomputed as
+// hex digits, "]".
+QByteArray commandFrame(const HeaderBytes &command);
+
 // The reply frame that echoes a command: "[R", the command byte and the six
 // parameter bytes with their check byte recomputed as hex digits, "]".
 QByteArray replyFrame(const HeaderBytes &command);
