@@ -51,8 +51,8 @@ bool Demo::exchange(PortBase *port, const DemoCommand &command)
     // The frame as the device side of the protocol writes it: commctl keeps to
     // the library's public classes, and the simulated device only answers a
     // frame that matches it.
-    printOut(QStringLiteral("-> %1: %2").arg(QLatin1String(command.what),
-                                             QString::fromLatin1(sim::commandFrame(header))));
+    printOut(
+        QStringLiteral("-> %1: %2").arg(QLatin1String(command.what), QString::fromLatin1(sim::commandFrame(header))));
     void *parameters = &record;
     QMetaObject::invokeMethod(port, "sendDatatoDevice", Qt::DirectConnection, Q_ARG(void *, parameters));
     ++m_sent;
@@ -106,8 +106,8 @@ void Demo::serialLink()
     }
     section(QStringLiteral("Serial link: simulated device on pseudo-terminal %1").arg(device.slavePath()));
     PortBase *port = PortInterface::creatCoreObj(ConnSerial);
-    if (!port->openSerialPort(device.slavePath(), QSerialPort::Baud115200, QSerialPort::OneStop,
-                              QSerialPort::NoParity, QSerialPort::NoFlowControl, QSerialPort::Data8)) {
+    if (!port->openSerialPort(device.slavePath(), QSerialPort::Baud115200, QSerialPort::OneStop, QSerialPort::NoParity,
+                              QSerialPort::NoFlowControl, QSerialPort::Data8)) {
         printOut(QStringLiteral("cannot open %1").arg(device.slavePath()));
         ++m_missing;
         return;
