@@ -203,16 +203,23 @@ void TestReceiveQueueSink::clearQueueReturnsBeforeClearingRuns()
 void TestReceiveQueueSink::waitForDetachedWorkWaitsForRunningJob()
 {
     comm::ReceiveQueueSink sink(nullptr);
-    // The delivery cannot finish while the queue lock is held here.
-    std::unique_lock<std::mutex> held(CmdDealModule::receiveHexCmdlock);
+    // Another thread holds the queue lock until a moment after it is told to
+    // let go: the delivery cannot finish before, and the wait must last until then.
+    std::atomic<bool> locked{false};
+    std::atomic<bool> letGo{false};
+    std::thread holder([&locked, &letGo] {
+        std::lock_guard<std::mutex> held(CmdDealModule::receiveHexCmdlock);
+        locked = true;
+        for (int i = 0; i < 5000 && !letGo.load(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    });
+    QTRY_VERIFY_WITH_TIMEOUT(locked.load(), 5000);
     sink.deliverDetached(reply(3));
     QCOMPARE(sink.detachedWorkRunning(), 1);
-    std::thread releaser([&held] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        held.unlock();
-    });
+    letGo = true;
     sink.waitForDetachedWork();
-    releaser.join();
+    holder.join();
     QCOMPARE(sink.detachedWorkRunning(), 0);
     QCOMPARE(testqueue::length(), size_t(1));
 }
