@@ -16,6 +16,7 @@
 #include "PortUSB.h"
 #include "RecordFormat.h"
 #include "SimulatedDevice.h"
+#include "WireCapture.h"
 #include "Console.h"
 
 namespace {
@@ -209,8 +210,8 @@ int main(int argc, char *argv[])
         return 2;
     }
     switch (options.command) {
-    case Options::Send: return runSend(options);
-    case Options::Listen: return runListen(options);
+    case Options::Send: return runWithCapture(options, [&] { return runSend(options); });
+    case Options::Listen: return runWithCapture(options, [&] { return runListen(options); });
     case Options::Sim: return runSim(options);
     case Options::Demo: return runDemo();
     }
