@@ -207,9 +207,9 @@ local function add_command(tree, tvb, label)
 end
 
 local function params_text(fields)
-    local parts = {}
-    for i = 1, 6 do parts[i] = string.format("%02x", fields.params[i]) end
-    return table.concat(parts, " ")
+    local texts = {}
+    for i = 1, 6 do texts[i] = string.format("%02x", fields.params[i]) end
+    return table.concat(texts, " ")
 end
 
 ------------------------------------------------------------------------------
@@ -327,13 +327,13 @@ local function analyse_datagram(pinfo, bytes)
     -- last one shorter. Simplification: a frame of exactly n * 540 bytes
     -- looks unfinished, until the next command header in the same direction.
     if pending and not header then
-        pending.parts[#pending.parts + 1] = bytes
+        pending.datagrams[#pending.datagrams + 1] = bytes
         pending.frames[#pending.frames + 1] = pinfo.number
-        local result = { what = "piece", piece = #pending.parts, first = pending.frames[1] }
+        local result = { what = "piece", piece = #pending.datagrams, first = pending.frames[1] }
         if #bytes < MAX_DATAGRAM then
             udp_commands[flow] = nil
             result.what = "command"
-            result.frame = table.concat(pending.parts)
+            result.frame = table.concat(pending.datagrams)
             result.frames = pending.frames
         end
         return result
@@ -341,7 +341,7 @@ local function analyse_datagram(pinfo, bytes)
     if header then
         udp_commands[flow] = nil
         if #bytes == MAX_DATAGRAM then
-            udp_commands[flow] = { parts = { bytes }, frames = { pinfo.number } }
+            udp_commands[flow] = { datagrams = { bytes }, frames = { pinfo.number } }
             return { what = "piece", piece = 1, first = pinfo.number }
         end
         return { what = "command", frame = bytes, frames = { pinfo.number } }
