@@ -21,7 +21,8 @@ const char kDeliverReply[] = "[R0100790900000083]";
 const char kHoldReply[] = "[R0100f101007f7ff1]"; // announces 0x7F7F bytes
 const char kRejected[] = "[R0100000000000002]";
 
-struct LogOff {
+struct LogOff
+{
     LogOff() { QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false")); }
 } logOff;
 
@@ -35,7 +36,8 @@ public:
     long count = 0;
 };
 
-struct Parser {
+struct Parser
+{
     QByteArray lastDatagram;
     QByteArray pendingStdReply;
     QByteArray blockBuffer;
@@ -64,8 +66,8 @@ BENCHMARK(BM_Baseline_Copy19);
 // One datagram through the parser with its decisions counted.
 void parseDispatch(benchmark::State &state, const char *bytes, bool awaitingBlockData)
 {
-    if (!awaitingBlockData && comm::replyAction(comm::parseReplyDatagram(QByteArray(bytes, 19))) ==
-                                  comm::ReplyAction::BlockData) {
+    if (!awaitingBlockData
+        && comm::replyAction(comm::parseReplyDatagram(QByteArray(bytes, 19))) == comm::ReplyAction::BlockData) {
         state.SkipWithError("sample datagram is not the reply it should be");
         return;
     }

@@ -54,9 +54,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     QByteArray header = frame.left(comm::kFrameHeaderSize);
     header[1] = 'R';
     const ProtocolData decoded = comm::parseReplyDatagram(header);
-    if (decoded.commandByte != record.commandByte ||
-        !std::equal(std::begin(decoded.paramBytes), std::end(decoded.paramBytes), std::begin(record.paramBytes)) ||
-        decoded.checksumByte != comm::commandChecksum(record)) {
+    if (decoded.commandByte != record.commandByte
+        || !std::equal(std::begin(decoded.paramBytes), std::end(decoded.paramBytes), std::begin(record.paramBytes))
+        || decoded.checksumByte != comm::commandChecksum(record)) {
         std::fprintf(stderr, "the header does not read back as the record\n");
         std::abort();
     }

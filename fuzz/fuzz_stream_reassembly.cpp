@@ -276,12 +276,11 @@ void checkRecord(const ProtocolData &record)
 
     // Members the reassembly does not write keep their defaults.
     const ProtocolData fresh;
-    check(record.hostText == fresh.hostText && record.infoText == fresh.infoText &&
-              record.sendMode == fresh.sendMode &&
-              std::equal(std::begin(record.leadingReserved), std::end(record.leadingReserved),
-                         std::begin(fresh.leadingReserved)) &&
-              std::equal(std::begin(record.trailingReserved), std::end(record.trailingReserved),
-                         std::begin(fresh.trailingReserved)),
+    check(record.hostText == fresh.hostText && record.infoText == fresh.infoText && record.sendMode == fresh.sendMode
+              && std::equal(std::begin(record.leadingReserved), std::end(record.leadingReserved),
+                            std::begin(fresh.leadingReserved))
+              && std::equal(std::begin(record.trailingReserved), std::end(record.trailingReserved),
+                            std::begin(fresh.trailingReserved)),
           "a member the reassembly does not own was written");
 
     const int size = record.payload.size();
@@ -298,8 +297,8 @@ void checkRecord(const ProtocolData &record)
 
 void checkExpected(const ProtocolData &record, const Reply &reply)
 {
-    check(record.commandByte == reply.bytes[0] &&
-              std::equal(std::begin(record.paramBytes), std::end(record.paramBytes), reply.bytes + 1),
+    check(record.commandByte == reply.bytes[0]
+              && std::equal(std::begin(record.paramBytes), std::end(record.paramBytes), reply.bytes + 1),
           "a record other than the next frame of the stream");
     check(record.payload == reply.block, "a payload other than the frame's block");
 }

@@ -174,8 +174,9 @@ public:
         if (record) {
             checkChecksum(*record);
             check(blockData.startsWith(record->payload), "payload is not the head of the block data");
-            check(record->payload.size() == payloadLength(record->paramBytes[1], record->paramBytes[2],
-                                                          announced(heldReply), blockData.size()),
+            check(record->payload.size()
+                      == payloadLength(record->paramBytes[1], record->paramBytes[2], announced(heldReply),
+                                       blockData.size()),
                   "payload of another length than its reply asks for");
             delivered.push_back(*record);
         }
@@ -207,9 +208,10 @@ std::vector<ProtocolData> queued()
 
 bool sameRecord(const ProtocolData &a, const ProtocolData &b)
 {
-    return a.hostText == b.hostText && a.linkByte == b.linkByte && a.sourceText == b.sourceText &&
-           a.commandByte == b.commandByte && std::equal(std::begin(a.paramBytes), std::end(a.paramBytes), b.paramBytes) &&
-           a.checksumByte == b.checksumByte && a.payload == b.payload && a.deviceType == b.deviceType;
+    return a.hostText == b.hostText && a.linkByte == b.linkByte && a.sourceText == b.sourceText
+           && a.commandByte == b.commandByte
+           && std::equal(std::begin(a.paramBytes), std::end(a.paramBytes), b.paramBytes)
+           && a.checksumByte == b.checksumByte && a.payload == b.payload && a.deviceType == b.deviceType;
 }
 } // namespace
 
@@ -263,12 +265,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         check(actions.calls - callsBefore <= 1, "one datagram, more than one decision");
         for (const ProtocolData &record : actions.aloneInThisCall) {
             check(!plainlyNotAReply(datagram, plain), "a datagram that is no reply delivered alone");
-            check(record.hostText == from && record.sourceText == from && record.linkByte == 0 &&
-                      record.deviceType == kDeviceType,
+            check(record.hostText == from && record.sourceText == from && record.linkByte == 0
+                      && record.deviceType == kDeviceType,
                   "a reply delivered alone without its sender, link byte or device type");
             if (plain)
-                check(record.commandByte == plain->bytes[0] &&
-                          std::equal(std::begin(record.paramBytes), std::end(record.paramBytes), plain->bytes + 1),
+                check(record.commandByte == plain->bytes[0]
+                          && std::equal(std::begin(record.paramBytes), std::end(record.paramBytes), plain->bytes + 1),
                       "a reply delivered with other bytes than it carried");
         }
         if (plain && plain->checkMatches && actions.calls == callsBefore && pendingStdReply != datagram)
@@ -278,8 +280,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         if (pendingStdReply.isEmpty()) {
             check(blockBuffer.isEmpty(), "block data gathered while idle");
         } else {
-            check(pendingStdReply.size() == comm::kReplyDatagramSize && pendingStdReply.startsWith("[R") &&
-                      comm::replyAction(comm::parseReplyDatagram(pendingStdReply)) == comm::ReplyAction::Hold,
+            check(pendingStdReply.size() == comm::kReplyDatagramSize && pendingStdReply.startsWith("[R")
+                      && comm::replyAction(comm::parseReplyDatagram(pendingStdReply)) == comm::ReplyAction::Hold,
                   "the held reply is not a reply that is held");
             // Gathered block data is combined as soon as it reaches the
             // announced length; a reply held later may announce less than is

@@ -17,7 +17,6 @@ namespace e2e {
 
 namespace {
 
-
 const SectionEntry *findSection(const std::vector<SectionEntry> &sections, const QString &name)
 {
     for (const SectionEntry &entry : sections) {
@@ -79,8 +78,8 @@ bool runChild(const SectionEntry &entry, bool pinned, const Options &options, co
     if (pinned) {
         const QString taskset = QStandardPaths::findExecutable(QStringLiteral("taskset"));
         if (taskset.isEmpty()) {
-            figures.add({label, QStringLiteral("not measured: taskset not found"), QString(), std::nullopt,
-                         QString(), std::nullopt});
+            figures.add({label, QStringLiteral("not measured: taskset not found"), QString(), std::nullopt, QString(),
+                         std::nullopt});
             return true;
         }
         arguments = QStringList{QStringLiteral("-c"), QStringLiteral("0"), program} + arguments;
@@ -100,7 +99,8 @@ bool runChild(const SectionEntry &entry, bool pinned, const Options &options, co
     // (LeakSanitizer's check at exit, for one).
     QFile file(out);
     if (file.open(QIODevice::ReadOnly)) {
-        const QJsonArray rows = QJsonDocument::fromJson(file.readAll()).object().value(QStringLiteral("figures")).toArray();
+        const QJsonArray rows =
+            QJsonDocument::fromJson(file.readAll()).object().value(QStringLiteral("figures")).toArray();
         for (const Figure &figure : Figures::fromJson(rows))
             figures.add(figure);
     }
@@ -117,8 +117,8 @@ void printTable(const Figures &figures)
 {
     for (const Figure &f : figures.all()) {
         std::printf("%-78s %-34s | %s | %s | %s | %s\n", qPrintable(f.figure), qPrintable(f.value),
-                    qPrintable(f.baseline), f.ratio ? qPrintable(number(*f.ratio, 2)) : "-",
-                    qPrintable(f.target), f.met ? (*f.met ? "met" : "NOT MET") : "-");
+                    qPrintable(f.baseline), f.ratio ? qPrintable(number(*f.ratio, 2)) : "-", qPrintable(f.target),
+                    f.met ? (*f.met ? "met" : "NOT MET") : "-");
     }
 }
 
@@ -151,7 +151,8 @@ int runProgram(int argc, char **argv, const char *program, const std::vector<Sec
 
     if (!single.isEmpty()) {
         const SectionEntry *entry = findSection(table, single);
-        return entry ? runSection(*entry, options, out) : usage(program, table, QStringLiteral("unknown section: ") + single);
+        return entry ? runSection(*entry, options, out)
+                     : usage(program, table, QStringLiteral("unknown section: ") + single);
     }
 
     std::vector<const SectionEntry *> sections;

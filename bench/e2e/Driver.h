@@ -6,7 +6,8 @@
 
 namespace e2e {
 
-struct SectionEntry {
+struct SectionEntry
+{
     const char *name;
     Section run;
     bool alsoPinned; // run a second time pinned to processor 0

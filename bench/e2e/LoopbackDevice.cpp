@@ -56,7 +56,8 @@ void LoopbackDevice::serve()
     while (!m_stop.load() && Clock::now() < end) {
         sockaddr_in sender{};
         socklen_t length = sizeof sender;
-        const ssize_t n = ::recvfrom(m_socket, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr *>(&sender), &length);
+        const ssize_t n = ::recvfrom(m_socket, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr *>(&sender),
+                                     &length);
         if (n < 0)
             continue; // time-out: look at the stop flag
         QByteArray reply;
@@ -73,8 +74,7 @@ void LoopbackDevice::serve()
 }
 
 LoopbackDevice::PacedResult LoopbackDevice::sendPaced(const std::vector<Datagram> &cycle, long records, long window,
-                                                      const std::function<long()> &taken,
-                                                      Clock::time_point deadline)
+                                                      const std::function<long()> &taken, Clock::time_point deadline)
 {
     PacedResult result;
     sockaddr_in peer{};

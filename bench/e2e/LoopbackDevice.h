@@ -40,11 +40,13 @@ public:
     // A datagram to send unasked, and how many records it completes at the
     // receiving side (a reply that waits for block data completes none, the
     // block datagram completes it).
-    struct Datagram {
+    struct Datagram
+    {
         QByteArray bytes;
         int completes = 1;
     };
-    struct PacedResult {
+    struct PacedResult
+    {
         long sentRecords = 0;
         Clock::time_point first;
         // taken() stopped moving for a second with replies outstanding: the
@@ -67,8 +69,8 @@ private:
     std::atomic<bool> m_stop{false};
     std::atomic<long> m_received{0};
     mutable std::mutex m_lock;
-    QByteArray m_reply;    // guarded by m_lock
-    sockaddr_in m_peer{};  // guarded by m_lock
+    QByteArray m_reply;   // guarded by m_lock
+    sockaddr_in m_peer{}; // guarded by m_lock
     std::thread m_thread;
 };
 

@@ -164,7 +164,8 @@ std::optional<LeakReport> checkLeaks()
     __sanitizer_set_report_path("stderr");
 
     LeakReport report;
-    static const QRegularExpression leak(QStringLiteral("^(Direct|Indirect) leak of (\\d+) byte\\(s\\) in (\\d+) object"),
+    static const QRegularExpression leak(QStringLiteral(
+                                             "^(Direct|Indirect) leak of (\\d+) byte\\(s\\) in (\\d+) object"),
                                          QRegularExpression::MultilineOption);
     for (const QString &name : QDir(dir.path()).entryList(QDir::Files)) {
         QFile file(dir.filePath(name));

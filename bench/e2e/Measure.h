@@ -28,7 +28,8 @@ inline double millisecondsBetween(Clock::time_point from, Clock::time_point to)
 }
 
 // How a section is run.
-struct Options {
+struct Options
+{
     // Short counts and windows, for the smoke run of the test suite.
     bool smoke = false;
     // Full count, or the smoke count.
@@ -36,7 +37,8 @@ struct Options {
 };
 
 // One row of the table: a figure beside its baseline from the same run.
-struct Figure {
+struct Figure
+{
     QString figure;
     QString value;
     QString baseline;
@@ -80,10 +82,11 @@ bool pinnedToOneProcessor();
 qint64 residentBytes();
 
 // Leak check by LeakSanitizer, where the program was built with it.
-struct LeakReport {
-    int leaks = 0;          // leak reports (direct and indirect)
-    qint64 bytes = 0;       // bytes they hold
-    int allocations = 0;    // allocations they hold
+struct LeakReport
+{
+    int leaks = 0;       // leak reports (direct and indirect)
+    qint64 bytes = 0;    // bytes they hold
+    int allocations = 0; // allocations they hold
 };
 bool leakCheckAvailable();
 // Runs a leak check now, without ending the program; none where unavailable.

@@ -131,7 +131,8 @@ private:
 };
 
 // The PortUDP under measurement, talking to the device.
-struct Library {
+struct Library
+{
     explicit Library(const LoopbackDevice &device)
     {
         port.setDeviceIP(QStringLiteral("127.0.0.1"));
@@ -164,7 +165,8 @@ void settleAfterLoss()
     testqueue::take();
 }
 
-struct Samples {
+struct Samples
+{
     std::vector<double> values;
     // Commands whose reply was not there within a second: lost, or so late
     // that the sample says nothing about the round trip either way.
@@ -220,11 +222,12 @@ bool runEventsUntil(const std::function<bool()> &done, Clock::time_point deadlin
 // the device and never taken off the queue), replies the device had not sent
 // when the deadline came or when the receiving side stopped taking, and a
 // run that went through.
-struct RateResult {
-    long asked = 0;      // records the device was to send
-    long sent = 0;       // records its datagrams completed before it stopped
-    long taken = 0;      // records taken off the queue
-    double seconds = 0;  // from the first send to the last take
+struct RateResult
+{
+    long asked = 0;     // records the device was to send
+    long sent = 0;      // records its datagrams completed before it stopped
+    long taken = 0;     // records taken off the queue
+    double seconds = 0; // from the first send to the last take
     std::chrono::seconds deadline{0};
     bool stalled = false; // the receiving side took nothing for a second
 
@@ -269,8 +272,8 @@ RateResult pacedRate(LoopbackDevice &device, const std::vector<LoopbackDevice::D
 // A paced run's outcome in words.
 QString outcomeText(const RateResult &r)
 {
-    const QString delivered = QStringLiteral("%1 of %2 delivered in %3 s")
-                                  .arg(count(r.taken), count(r.asked), number(r.seconds, 1));
+    const QString delivered =
+        QStringLiteral("%1 of %2 delivered in %3 s").arg(count(r.taken), count(r.asked), number(r.seconds, 1));
     if (r.lost() > 0)
         return QStringLiteral("%1 of %2 sent lost (%3)").arg(count(r.lost()), count(r.sent), delivered);
     if (r.stalled)
@@ -284,7 +287,8 @@ QString outcomeText(const RateResult &r)
 
 // Rounds of one paced rate: the median rate of the rounds, counted only when
 // every round went through.
-struct RateRounds {
+struct RateRounds
+{
     std::vector<RateResult> rounds;
 
     void add(const RateResult &result) { rounds.push_back(result); }
@@ -354,33 +358,32 @@ void networkLatency(const Options &options, Figures &figures)
         device.answerWith(kDeliverAtOnceReply);
         for (int i = 0; i < batch; ++i) {
             plain.resetCount();
-            (keep ? plainSamples : scratch).add(timeOne([&] { plain.send(frame, device.port()); },
-                                                        [&] { return plain.received() > 0; }));
+            (keep ? plainSamples : scratch)
+                .add(timeOne([&] { plain.send(frame, device.port()); }, [&] { return plain.received() > 0; }));
         }
         // The queue action's cost where the library pays it: a thread started
         // from the reading thread as a reply comes in.
         plain.setOnReply(startThread);
         for (int i = 0; i < batch; ++i) {
             threadRan->store(false);
-            (keep ? plainThreadSamples : scratch).add(timeOne([&] { plain.send(frame, device.port()); },
-                                                              [&] { return threadRan->load(); }));
+            (keep ? plainThreadSamples : scratch)
+                .add(timeOne([&] { plain.send(frame, device.port()); }, [&] { return threadRan->load(); }));
         }
         plain.setOnReply({});
         for (int i = 0; i < batch; ++i) {
-            (keep ? deliverSamples : scratch).add(
-                timeOne([&] { library.send(); }, [] { return testqueue::length() > 0; }));
+            (keep ? deliverSamples : scratch)
+                .add(timeOne([&] { library.send(); }, [] { return testqueue::length() > 0; }));
             testqueue::take();
         }
         device.answerWith(kQueueReply);
         for (int i = 0; i < batch; ++i) {
-            (keep ? queueSamples : scratch).add(
-                timeOne([&] { library.send(); }, [] { return testqueue::length() > 0; }));
+            (keep ? queueSamples : scratch)
+                .add(timeOne([&] { library.send(); }, [] { return testqueue::length() > 0; }));
             testqueue::take();
         }
         for (int i = 0; i < batch; ++i) {
             threadRan->store(false);
-            (keep ? threadSamples : scratch)
-                .add(timeOne(startThread, [&] { return threadRan->load(); }));
+            (keep ? threadSamples : scratch).add(timeOne(startThread, [&] { return threadRan->load(); }));
         }
     }
     device.answerWith(QByteArray());
@@ -407,7 +410,8 @@ void networkLatency(const Options &options, Figures &figures)
                  micros(plain99) + QStringLiteral(" (%1 p99)").arg(plainText), deliver99 / plain99,
                  QStringLiteral("report"), std::nullopt});
     const double queueBound = plain50 + 2 * threadCost;
-    figures.add({QStringLiteral("network round trip, queued, p50, %1").arg(mode), micros(queue50) + queueSamples.unansweredText(),
+    figures.add({QStringLiteral("network round trip, queued, p50, %1").arg(mode),
+                 micros(queue50) + queueSamples.unansweredText(),
                  micros(queueBound)
                      + QStringLiteral(" (plain p50 %1 + 2 x thread start %2; bare thread start %3, "
                                       "plain then thread %4)")
@@ -437,14 +441,16 @@ void networkRate(const Options &options, Figures &figures)
         {
             PlainClient plain;
             introduce(device, [&] { plain.send(comm::commandFrame(command()), device.port()); });
-            plainRates.add(pacedRate(device, {{kQueueReply, 1}}, plainCount, [&] { return plain.received(); },
-                                     [&] { return plain.lastReceived(); }));
+            plainRates.add(pacedRate(
+                device, {{kQueueReply, 1}}, plainCount, [&] { return plain.received(); },
+                [&] { return plain.lastReceived(); }));
         }
         {
             // What the queue action's design costs without the library: the
             // plain socket, with a thread started and detached per reply.
             PlainClient plain;
-            struct Done {
+            struct Done
+            {
                 std::atomic<long> count{0};
                 std::atomic<Clock::rep> last{0};
             };
@@ -456,8 +462,9 @@ void networkRate(const Options &options, Figures &figures)
                 }).detach();
             });
             introduce(device, [&] { plain.send(comm::commandFrame(command()), device.port()); });
-            plainThreadRates.add(pacedRate(device, {{kQueueReply, 1}}, queued, [&] { return done->count.load(); },
-                                           [&] { return Clock::time_point(Clock::duration(done->last.load())); }));
+            plainThreadRates.add(pacedRate(
+                device, {{kQueueReply, 1}}, queued, [&] { return done->count.load(); },
+                [&] { return Clock::time_point(Clock::duration(done->last.load())); }));
         }
         for (const bool atOnce : {false, true}) {
             Library library(device);
@@ -466,8 +473,9 @@ void networkRate(const Options &options, Figures &figures)
             const QByteArray &reply = atOnce ? kDeliverAtOnceReply : kQueueReply;
             const long records = atOnce ? delivered : queued;
             (atOnce ? deliverRates : queueRates)
-                .add(pacedRate(device, {{reply, 1}}, records, [&] { return consumer.taken(); },
-                               [&] { return consumer.lastTake(); }));
+                .add(pacedRate(
+                    device, {{reply, 1}}, records, [&] { return consumer.taken(); },
+                    [&] { return consumer.lastTake(); }));
         }
     }
     const double threadRate = median(threadRates);
@@ -524,7 +532,8 @@ void memoryReplies(const Options &options, Figures &figures)
             if (taken >= mark && firstBytes.load() == 0)
                 firstBytes = residentBytes();
         });
-        rate = pacedRate(device, cycle, total, [&] { return consumer.taken(); }, [&] { return consumer.lastTake(); });
+        rate = pacedRate(
+            device, cycle, total, [&] { return consumer.taken(); }, [&] { return consumer.lastTake(); });
         endBytes = residentBytes();
         library.reset();
     }
@@ -534,8 +543,7 @@ void memoryReplies(const Options &options, Figures &figures)
     // then count the replies that did reach the queue.
     if (!rate.complete())
         figures.add({QStringLiteral("memory: %1 %2").arg(count(total), what), outcomeText(rate), QString(),
-                     std::nullopt,
-                     QStringLiteral("all within %1 s, none lost").arg(rate.deadline.count()), false});
+                     std::nullopt, QStringLiteral("all within %1 s, none lost").arg(rate.deadline.count()), false});
     if (leakCheckAvailable()) {
         if (const std::optional<LeakReport> leaks = checkLeaks())
             figures.add(leakFigure(what, rate.taken, *leaks));

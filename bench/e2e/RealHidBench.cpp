@@ -28,13 +28,11 @@ constexpr unsigned short kPid = 0x0001;
 
 // The process's testbed with the device plugged in; none, with a row saying
 // why, where umockdev cannot run here.
-std::unique_ptr<emulatedhid::Testbed> plugDevice(const QString &figure, Figures &figures,
-                                                 emulatedhid::Device *device)
+std::unique_ptr<emulatedhid::Testbed> plugDevice(const QString &figure, Figures &figures, emulatedhid::Device *device)
 {
     const QString why = emulatedhid::Testbed::unavailableReason();
     if (!why.isEmpty()) {
-        figures.add({figure, QStringLiteral("not measured: ") + why, QString(), std::nullopt, QString(),
-                     std::nullopt});
+        figures.add({figure, QStringLiteral("not measured: ") + why, QString(), std::nullopt, QString(), std::nullopt});
         return nullptr;
     }
     auto bed = std::make_unique<emulatedhid::Testbed>();

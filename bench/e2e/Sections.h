@@ -11,7 +11,8 @@ namespace e2e {
 
 // A section measures some figures and adds them; it throws SectionError when
 // it cannot be set up (no pseudo-terminal, no socket, ...).
-struct SectionError : std::runtime_error {
+struct SectionError : std::runtime_error
+{
     using std::runtime_error::runtime_error;
 };
 

@@ -126,10 +126,12 @@ void usbIdle(const Options &options, Figures &figures)
     hid_close(handle);
 
     const QString what = QStringLiteral("idle: USB transport open, no traffic (reader, reassembly, watcher)");
-    figures.add({what, share(shares.library), share(shares.bare) + QStringLiteral(" (bare 20 ms, 20 + 100 ms and 100 ms loops)"),
+    figures.add({what, share(shares.library),
+                 share(shares.bare) + QStringLiteral(" (bare 20 ms, 20 + 100 ms and 100 ms loops)"),
                  shares.library / shares.bare, QStringLiteral("<= 1.2x"), shares.library <= 1.2 * shares.bare});
     figures.add({what + QStringLiteral(", against the same loops making the device calls"), share(shares.library),
-                 share(shares.bareWithCalls) + QStringLiteral(" (the bare loops, reading and enumerating the simulated device)"),
+                 share(shares.bareWithCalls)
+                     + QStringLiteral(" (the bare loops, reading and enumerating the simulated device)"),
                  shares.library / shares.bareWithCalls, QStringLiteral("report"), std::nullopt});
 }
 

@@ -165,9 +165,13 @@ Figure measureDrain(const QString &link, int frames, int turnMs, int rounds,
     const double drain = median(drains);
     const double ratio = drain / base;
     return {figure,
-            QStringLiteral("%1 ms, %2").arg(number(drain, 0), allOnce ? QStringLiteral("each delivered once")
-                                                                    : QStringLiteral("NOT each delivered once")),
-            baseline, ratio, target, allOnce && ratio <= 1.05};
+            QStringLiteral("%1 ms, %2")
+                .arg(number(drain, 0),
+                     allOnce ? QStringLiteral("each delivered once") : QStringLiteral("NOT each delivered once")),
+            baseline,
+            ratio,
+            target,
+            allOnce && ratio <= 1.05};
 }
 
 UsbIdleShares measureUsbIdle(const Options &options, unsigned short vid, unsigned short pid, const char *deviceText,

@@ -27,7 +27,8 @@ constexpr int kUsbReadWaitMs = 100;
 constexpr int kHotPlugPollMs = 100;
 
 // Medians of processor shares (percent of one processor).
-struct UsbIdleShares {
+struct UsbIdleShares
+{
     double library;       // an open USB transport without traffic
     double bare;          // bare loops of its workers' pacing
     double bareWithCalls; // the same loops making the device calls
@@ -59,7 +60,8 @@ double bareTurnsMs(int turns, int turnMs);
 class BareLoops
 {
 public:
-    struct Loop {
+    struct Loop
+    {
         int sleepMs;
         int waitMs;
         std::function<void()> call = {};

@@ -27,14 +27,10 @@ extern "C" const char *__tsan_default_options()
 namespace {
 
 const std::vector<e2e::SectionEntry> kSections = {
-    {"network-latency", e2e::networkLatency, true},
-    {"network-rate", e2e::networkRate, false},
-    {"serial-drain", e2e::serialDrain, false},
-    {"usb-drain", e2e::usbDrain, false},
-    {"serial-idle", e2e::serialIdle, false},
-    {"usb-idle", e2e::usbIdle, false},
-    {"memory-replies", e2e::memoryReplies, false},
-    {"memory-switches", e2e::memorySwitches, false},
+    {"network-latency", e2e::networkLatency, true}, {"network-rate", e2e::networkRate, false},
+    {"serial-drain", e2e::serialDrain, false},      {"usb-drain", e2e::usbDrain, false},
+    {"serial-idle", e2e::serialIdle, false},        {"usb-idle", e2e::usbIdle, false},
+    {"memory-replies", e2e::memoryReplies, false},  {"memory-switches", e2e::memorySwitches, false},
     {"send-threads", e2e::sendThreads, false},
 };
 

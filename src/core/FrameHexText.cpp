@@ -3,8 +3,7 @@
 namespace comm {
 
 namespace {
-const char kHexDigits[16] = {'0', '1', '2', '3', '4', '5', '6', '7',
-                             '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'};
+const char kHexDigits[16] = {'0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'};
 }
 
 char *writeFrameHexText(char *out, const unsigned char *bytes, int count)

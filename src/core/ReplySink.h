@@ -29,8 +29,7 @@ public:
     // the waiting side is woken all the same (the reply-arrived flag is raised
     // with nothing queued).
     using Combine = std::optional<ProtocolData> (*)(const QByteArray &blockData, const QByteArray &heldReply);
-    virtual void deliverCombinedDetached(const QByteArray &blockData, const QByteArray &heldReply,
-                                         Combine combine) = 0;
+    virtual void deliverCombinedDetached(const QByteArray &blockData, const QByteArray &heldReply, Combine combine) = 0;
 };
 
 } // namespace comm

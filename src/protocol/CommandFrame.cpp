@@ -16,8 +16,8 @@ quint8 commandChecksum(const ProtocolData &record)
 
 QByteArray commandFrame(const ProtocolData &record)
 {
-    const unsigned char header[8] = {record.commandByte,   record.paramBytes[0], record.paramBytes[1],
-                                     record.paramBytes[2], record.paramBytes[3], record.paramBytes[4],
+    const unsigned char header[8] = {record.commandByte,   record.paramBytes[0],   record.paramBytes[1],
+                                     record.paramBytes[2], record.paramBytes[3],   record.paramBytes[4],
                                      record.paramBytes[5], commandChecksum(record)};
     const int payloadSize = record.payload.size();
     // Header text and payload share one allocation.

@@ -59,10 +59,11 @@ std::optional<ProtocolData> combineReplyWithBlock(const QByteArray &blockData, c
 // The buffers reply parsing keeps between datagrams. They belong to the
 // transport, which also clears them when it rebuilds its socket; lock guards
 // them against that.
-struct HeldReplyBuffers {
-    QByteArray &lastDatagram;    // the datagram read last
-    QByteArray &heldReply;       // the held reply datagram; empty while idle
-    QByteArray &blockBuffer;     // block data gathered for the held reply
+struct HeldReplyBuffers
+{
+    QByteArray &lastDatagram; // the datagram read last
+    QByteArray &heldReply;    // the held reply datagram; empty while idle
+    QByteArray &blockBuffer;  // block data gathered for the held reply
     std::mutex &lock;
 };
 

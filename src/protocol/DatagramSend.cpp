@@ -26,7 +26,8 @@ qint64 writeSpan(const QByteArray &data, int offset, int size, const DatagramWri
     const qint64 inBegin = std::max<qint64>(begin, 0);
     const qint64 inEnd = std::min<qint64>(end, data.size());
     if (inBegin < inEnd)
-        std::memcpy(padded.data() + (inBegin - begin), data.constData() + inBegin, static_cast<size_t>(inEnd - inBegin));
+        std::memcpy(padded.data() + (inBegin - begin), data.constData() + inBegin,
+                    static_cast<size_t>(inEnd - inBegin));
     return write(padded.constData(), size, offset);
 }
 

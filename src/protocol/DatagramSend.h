@@ -31,7 +31,8 @@ int writeInDatagrams(const QByteArray &data, const DatagramWrite &write);
 
 // What a send ends in: the log line to write, and whether the socket must be
 // rebuilt because the result could not be classified.
-struct SendOutcome {
+struct SendOutcome
+{
     const char *logText;
     bool rebuildSocket;
 };

@@ -7,7 +7,8 @@ namespace comm {
 
 // A bound socket's descriptor and address family (AF_INET or AF_INET6),
 // looked up once when it is bound rather than on every datagram.
-struct BoundSocket {
+struct BoundSocket
+{
     qintptr descriptor = -1;
     int family = 0;
 };

@@ -80,8 +80,8 @@ bool PortSerial::openSerialPort(QString name, QSerialPort::BaudRate baud, QSeria
 }
 
 bool PortSerial::openOnIoThread(const QString &name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
-                                   QSerialPort::Parity parity, QSerialPort::FlowControl flow,
-                                   QSerialPort::DataBits dataBits)
+                                QSerialPort::Parity parity, QSerialPort::FlowControl flow,
+                                QSerialPort::DataBits dataBits)
 {
     if (m_com->isOpen()) {
         // While the deal flag is false the running worker is left alone, so a
@@ -162,8 +162,8 @@ void PortSerial::handleError(QSerialPort::SerialPortError error)
         // connection to this slot is usually queued: a resource error may
         // reach it after the port was closed and opened again. One that
         // belongs to an earlier opening leaves the new one alone.
-        const bool fromEarlierOpening =
-            m_resourceErrorsAtOpen > 0 && m_resourceErrorsReported == m_resourceErrorsAtOpen;
+        const bool fromEarlierOpening = m_resourceErrorsAtOpen > 0
+                                        && m_resourceErrorsReported == m_resourceErrorsAtOpen;
         if (m_com->isOpen() && !fromEarlierOpening)
             m_com->close();
     });

@@ -97,8 +97,7 @@ protected:
 
 private:
     bool openOnIoThread(const QString &name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
-                           QSerialPort::Parity parity, QSerialPort::FlowControl flow,
-                           QSerialPort::DataBits dataBits);
+                        QSerialPort::Parity parity, QSerialPort::FlowControl flow, QSerialPort::DataBits dataBits);
     void stopWorker();
 
     CmdDealModule m_cmdDeal;

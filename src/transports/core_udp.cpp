@@ -34,7 +34,8 @@ void PortUDP::reportSend(const comm::SendOutcome &outcome)
 
 // Reply parsing over the transport's buffers, and the sink it hands records
 // to, which drops them while the deal flag is false.
-struct PortUDP::ReplyPath {
+struct PortUDP::ReplyPath
+{
     explicit ReplyPath(PortUDP &port)
         : sink(&port.m_dealFlag)
         , parser({port.m_lastDatagram, port.m_pendingStdReply, port.m_blockBuffer, PortUDP::stdCMDlock}, sink)
@@ -96,7 +97,8 @@ void PortUDP::createSocket()
     // Made again on every build and only removed by the destructor: after n
     // rebuilds one emission queues n + 1 rebuilds, each on the I/O thread's
     // next pass.
-    connect(this, &PortUDP::signalReInitUdp, m_io->context(), [this] { reInitUdp(); }, Qt::QueuedConnection);
+    connect(
+        this, &PortUDP::signalReInitUdp, m_io->context(), [this] { reInitUdp(); }, Qt::QueuedConnection);
     m_udpSocket = socket;
     m_boundDescriptor = -1;
 }
@@ -255,9 +257,8 @@ void PortUDP::sendUdpDataBroadcast(QByteArray data)
         std::lock_guard<std::mutex> guard(stdCMDlock);
         port = static_cast<quint16>(m_port);
     }
-    const qint64 result = withSocketForSend([&] {
-        return writeDatagramTo(data.constData(), data.size(), QHostAddress(QHostAddress::Broadcast), port);
-    });
+    const qint64 result = withSocketForSend(
+        [&] { return writeDatagramTo(data.constData(), data.size(), QHostAddress(QHostAddress::Broadcast), port); });
     reportSend(comm::broadcastOutcome(result, data.size()));
 }
 

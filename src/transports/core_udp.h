@@ -19,7 +19,7 @@ class QUdpSocket;
 namespace comm {
 class IoThread;
 struct SendOutcome;
-}
+} // namespace comm
 
 // The network transport: talks to one device over UDP through a single
 // socket. Commands go out as unicast datagrams of at most 540 bytes to the

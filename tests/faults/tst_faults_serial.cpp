@@ -77,7 +77,8 @@ QString recvLine(const QByteArray &frameBytes)
 int linesStartingWith(const LogCapture &log, const QString &start)
 {
     const QStringList lines = log.lines();
-    return static_cast<int>(std::count_if(lines.begin(), lines.end(), [&](const QString &line) { return line.startsWith(start); }));
+    return static_cast<int>(
+        std::count_if(lines.begin(), lines.end(), [&](const QString &line) { return line.startsWith(start); }));
 }
 
 // A thread playing the device, joined however the test ends.
@@ -349,8 +350,8 @@ void TestSerialFaults::floodOfGarbageDeliversEveryValidFrameOnce()
         default:
             break;
         }
-        const QByteArray bytes =
-            replyFrame(reply, below(2) ? generatedreplies::Digits::Upper : generatedreplies::Digits::Lower);
+        const QByteArray bytes = replyFrame(reply, below(2) ? generatedreplies::Digits::Upper
+                                                            : generatedreplies::Digits::Lower);
         if (block.isEmpty() && reply[2] != 0xE1) {
             const int cut = below(bytes.size());
             writes.push_back(bytes.left(cut));

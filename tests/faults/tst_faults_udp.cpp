@@ -49,7 +49,8 @@ constexpr int kReplyDatagramSize = 19;
 
 int threadCount()
 {
-    return static_cast<int>(QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
+    return static_cast<int>(
+        QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
 }
 
 // Command n: its number in P1 and P2.
@@ -113,7 +114,8 @@ public:
     bool send(const QByteArray &bytes)
     {
         return ::sendto(m_socket, bytes.constData(), size_t(bytes.size()), 0, reinterpret_cast<const sockaddr *>(&m_to),
-                        sizeof m_to) == bytes.size();
+                        sizeof m_to)
+               == bytes.size();
     }
 
 private:
@@ -180,11 +182,11 @@ bool inLoopbackOnlyNamespace()
     return !interfaces.isEmpty();
 }
 
-#define REQUIRE_LOOPBACK_ONLY_NAMESPACE()                                                                            \
-    do {                                                                                                             \
-        if (!inLoopbackOnlyNamespace())                                                                              \
-            QSKIP("sends to addresses without a route: runs as tst_faults_udp_noroute, in a private network "        \
-                  "namespace with loopback only");                                                                   \
+#define REQUIRE_LOOPBACK_ONLY_NAMESPACE()                                                                              \
+    do {                                                                                                               \
+        if (!inLoopbackOnlyNamespace())                                                                                \
+            QSKIP("sends to addresses without a route: runs as tst_faults_udp_noroute, in a private network "          \
+                  "namespace with loopback only");                                                                     \
     } while (false)
 
 // The transport, pointed at a device on 127.0.0.1, carries a command there,

@@ -20,7 +20,8 @@ const QString kChecksumLine = QStringLiteral("CHKSUM Wrong return");
 const QList<quint8> kNoParams{0, 0, 0, 0, 0, 0};
 
 // A parser over buffers of its own, as the transport keeps them.
-struct ParserFixture {
+struct ParserFixture
+{
     QByteArray lastDatagram;
     QByteArray pendingStdReply;
     QByteArray blockBuffer;
@@ -250,11 +251,16 @@ void TestDatagramReplyParser::senderTextCutsIpv4MappedPrefix_data()
 {
     QTest::addColumn<QString>("address");
     QTest::addColumn<QString>("text");
-    QTest::newRow("mapped") << "::ffff:127.0.0.1" << "127.0.0.1";
-    QTest::newRow("mapped other") << "::ffff:192.168.1.20" << "192.168.1.20";
-    QTest::newRow("ipv4") << "127.0.0.1" << "127.0.0.1";
-    QTest::newRow("ipv6") << "::1" << "::1";
-    QTest::newRow("empty") << "" << "";
+    QTest::newRow("mapped") << "::ffff:127.0.0.1"
+                            << "127.0.0.1";
+    QTest::newRow("mapped other") << "::ffff:192.168.1.20"
+                                  << "192.168.1.20";
+    QTest::newRow("ipv4") << "127.0.0.1"
+                          << "127.0.0.1";
+    QTest::newRow("ipv6") << "::1"
+                          << "::1";
+    QTest::newRow("empty") << ""
+                           << "";
 }
 
 void TestDatagramReplyParser::senderTextCutsIpv4MappedPrefix()
@@ -302,8 +308,7 @@ void TestDatagramReplyParser::dispatchTable()
     QFETCH(int, p5);
     QFETCH(int, p6);
     QFETCH(comm::ReplyAction, action);
-    const QByteArray datagram =
-        replies::reply(0x30, quint8(p1), quint8(p2), quint8(p3), 0x00, quint8(p5), quint8(p6));
+    const QByteArray datagram = replies::reply(0x30, quint8(p1), quint8(p2), quint8(p3), 0x00, quint8(p5), quint8(p6));
     const ProtocolData record = comm::parseReplyDatagram(datagram);
     QCOMPARE(comm::replyAction(record), action);
 
@@ -318,9 +323,9 @@ void TestDatagramReplyParser::rejectedDatagramsAreBlockData()
 {
     // P1, P2 and the check byte at 0, whether the datagram was rejected or is
     // a valid reply whose digits sum to 0.
-    for (const QByteArray &datagram : {QByteArray("short"), QByteArray("xR0100000000000001]"),
-                                       QByteArray("[R0100000000000002]"), QByteArray("[R0000000000000000]"),
-                                       replies::reply(0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0xFF)}) {
+    for (const QByteArray &datagram :
+         {QByteArray("short"), QByteArray("xR0100000000000001]"), QByteArray("[R0100000000000002]"),
+          QByteArray("[R0000000000000000]"), replies::reply(0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0xFF)}) {
         QCOMPARE(comm::replyAction(comm::parseReplyDatagram(datagram)), comm::ReplyAction::BlockData);
     }
 }
@@ -369,8 +374,8 @@ void TestDatagramReplyParser::announcedLengthTakesFirstBytes()
 
 void TestDatagramReplyParser::announcedLengthNotReachedGivesNothing()
 {
-    const auto record =
-        comm::combineReplyWithBlock(replies::blockBytes(29), replies::reply(0x22, 0, 0x8E, 0x27, 0, 30, 0));
+    const auto record = comm::combineReplyWithBlock(replies::blockBytes(29),
+                                                    replies::reply(0x22, 0, 0x8E, 0x27, 0, 30, 0));
     QVERIFY(!record.has_value());
 }
 
@@ -395,8 +400,8 @@ void TestDatagramReplyParser::emptyHeldReplyOrBlockGivesNothing()
 
 void TestDatagramReplyParser::combinedRecordKeepsFreshSenderAndDeviceType()
 {
-    const auto record =
-        comm::combineReplyWithBlock(replies::blockBytes(129), replies::reply(0x22, 0x01, 0x8B, 0x09, 0, 0x81, 0));
+    const auto record = comm::combineReplyWithBlock(replies::blockBytes(129),
+                                                    replies::reply(0x22, 0x01, 0x8B, 0x09, 0, 0x81, 0));
     QVERIFY(record.has_value());
     QVERIFY(record->hostText.isEmpty());
     QVERIFY(record->sourceText.isEmpty());
@@ -429,7 +434,8 @@ void TestDatagramReplyParser::combineWithoutRecordRaisesFlagWhateverTheDealFlag(
 {
     std::atomic<bool> dealFlag{false};
     comm::ReceiveQueueSink sink(&dealFlag);
-    sink.deliverOrWake(comm::combineReplyWithBlock(replies::blockBytes(10), replies::reply(0x22, 0, 0x8E, 0x27, 0, 0, 0)));
+    sink.deliverOrWake(
+        comm::combineReplyWithBlock(replies::blockBytes(10), replies::reply(0x22, 0, 0x8E, 0x27, 0, 0, 0)));
     QCOMPARE(testqueue::length(), size_t(0));
     QVERIFY(testqueue::replyFlag());
 }
@@ -468,9 +474,9 @@ void TestDatagramReplyParser::receivedBytesAreLoggedUpToFirstZeroByte()
     LogCapture log;
     fixture.take(QByteArray("ab\0cd\xC3\xA9", 7));
     fixture.take(QByteArray("\xC3\xA9t\xC3\xA9"));
-    QCOMPARE(log.lines(), (QStringList{"Recv data:ab", "host ip:10.1.2.3", kSizeLine,
-                                       QString::fromUtf8("Recv data:\xC3\xA9t\xC3\xA9"), "host ip:10.1.2.3",
-                                       kSizeLine}));
+    QCOMPARE(log.lines(),
+             (QStringList{"Recv data:ab", "host ip:10.1.2.3", kSizeLine,
+                          QString::fromUtf8("Recv data:\xC3\xA9t\xC3\xA9"), "host ip:10.1.2.3", kSizeLine}));
 }
 
 void TestDatagramReplyParser::recordCarriesSenderLinkAndDeviceType()
@@ -667,8 +673,7 @@ void TestDatagramReplyParser::randomDatagramsKeepHeldStateConsistent()
             datagram[static_cast<int>(random() % 19)] = static_cast<char>(random());
             break;
         }
-        const bool blockData =
-            comm::replyAction(comm::parseReplyDatagram(datagram)) == comm::ReplyAction::BlockData;
+        const bool blockData = comm::replyAction(comm::parseReplyDatagram(datagram)) == comm::ReplyAction::BlockData;
         fixture.take(datagram);
         QCOMPARE(fixture.lastDatagram, datagram);
         // Idle means nothing gathered; after block data the parser either

@@ -3,7 +3,8 @@
 #include "DatagramSend.h"
 
 namespace {
-struct Write {
+struct Write
+{
     QByteArray bytes;
     int offset = 0;
 };

@@ -52,7 +52,10 @@ void TestHexPairs::signedPairKeepsItsSign()
 
 void TestHexPairs::zeroByteEndsTheText()
 {
-    QCOMPARE(read(QByteArray("0102\0" "04050607ff0", 16)), (QVector<int>{1, 2, 0, 0, 0, 0, 0, 0}));
+    QCOMPARE(read(QByteArray("0102\0"
+                             "04050607ff0",
+                             16)),
+             (QVector<int>{1, 2, 0, 0, 0, 0, 0, 0}));
 }
 
 void TestHexPairs::pairCutShortByZeroByteReadsRemainingDigit()

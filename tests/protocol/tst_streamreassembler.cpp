@@ -615,7 +615,8 @@ void TestStreamReassembler::decodeFrameLeavesOutputUnchangedOnMismatch()
     ProtocolData out;
     out.commandByte = 0x77;
     out.sourceText = QStringLiteral("kept");
-    QVERIFY(!rig.reassembler.decodeFrame(QByteArrayLiteral("[R0102030405060700]"), &out)); // check byte 00, not the sum 1C
+    QVERIFY(
+        !rig.reassembler.decodeFrame(QByteArrayLiteral("[R0102030405060700]"), &out)); // check byte 00, not the sum 1C
     QCOMPARE(out.commandByte, quint8(0x77));
     QCOMPARE(out.sourceText, QStringLiteral("kept"));
 }

@@ -123,8 +123,8 @@ bool TestRealHidFaults::pullOut()
 {
     const int reported = m_events.size();
     m_bed->unplug(&m_device);
-    return waitUntil([this, reported] { return m_events.size() > reported; }) &&
-           m_events.entries().mid(reported) == QStringList{QStringLiteral("false")};
+    return waitUntil([this, reported] { return m_events.size() > reported; })
+           && m_events.entries().mid(reported) == QStringList{QStringLiteral("false")};
 }
 
 bool TestRealHidFaults::plugBackAndReopen()
@@ -132,8 +132,8 @@ bool TestRealHidFaults::plugBackAndReopen()
     const int reported = m_events.size();
     if (!emulatedusb::plug(*m_bed, kVid, kPid, &m_device))
         return false;
-    if (!waitUntil([this, reported] { return m_events.size() > reported; }) ||
-        m_events.entries().mid(reported) != QStringList{QStringLiteral("true")})
+    if (!waitUntil([this, reported] { return m_events.size() > reported; })
+        || m_events.entries().mid(reported) != QStringList{QStringLiteral("true")})
         return false;
     // The watcher does not reopen: the application does, on that signal.
     return !m_port->isOpen() && m_port->openUSB(kVid, kPid);

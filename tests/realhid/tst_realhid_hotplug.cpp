@@ -77,8 +77,7 @@ void TestRealHidHotPlug::checkRoundTrip()
     ProtocolData record;
     record.commandByte = 0x21;
     m_port->sendDatatoDevice(&record);
-    QCOMPARE(emulatedhid::readOutputReport(m_device.master, kWaitMs),
-             usbreports::outputReport("[A2100000000000021]"));
+    QCOMPARE(emulatedhid::readOutputReport(m_device.master, kWaitMs), usbreports::outputReport("[A2100000000000021]"));
     // "[" "R", 21 00 00 00 00 00 00 and their 8-bit sum 21 as hex digits, "]".
     const QByteArray reply = QByteArrayLiteral("[R2100000000000021]");
     QVERIFY(emulatedhid::writeInput(m_device.master, usbreports::inputReport(reply)));

@@ -293,7 +293,8 @@ void checkQueuedRepliesWereSent(const SentReplies &sent, int switches, qint64 el
                                 .arg(record.linkByte)
                                 .arg(record.commandByte)
                                 .arg(seq)));
-        QVERIFY2(seen.insert(SentReplies::key(record.linkByte, record.commandByte, seq)).second, "a reply queued twice");
+        QVERIFY2(seen.insert(SentReplies::key(record.linkByte, record.commandByte, seq)).second,
+                 "a reply queued twice");
         ++perLink[record.linkByte];
     }
     qInfo("%d switches in %lld ms; queued replies: network %d, serial %d, usb %d (of %zu sent)", switches, elapsedMs,

@@ -11,7 +11,8 @@
 class FakeUdpDevice
 {
 public:
-    struct Datagram {
+    struct Datagram
+    {
         QByteArray bytes;
         QHostAddress sender;
         quint16 senderPort = 0;

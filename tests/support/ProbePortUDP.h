@@ -14,7 +14,8 @@
 class ProbePortUDP : public PortUDP
 {
 public:
-    struct Write {
+    struct Write
+    {
         QByteArray bytes;
         QHostAddress address;
         quint16 port = 0;

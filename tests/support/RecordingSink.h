@@ -46,8 +46,8 @@ public:
             m_queue->deliverOrWake(record);
     }
 
-    QList<ProtocolData> queued;    // deliverDetached
-    QList<ProtocolData> delivered; // deliverNow
+    QList<ProtocolData> queued;                    // deliverDetached
+    QList<ProtocolData> delivered;                 // deliverNow
     QList<QPair<QByteArray, QByteArray>> combines; // block data, held reply
 
 private:

@@ -7,7 +7,8 @@
 // parameter bytes and the check byte as two hex digits each, and one more byte.
 namespace replies {
 
-struct Fields {
+struct Fields
+{
     quint8 command = 0;
     quint8 params[6] = {};
 };

@@ -50,8 +50,8 @@ void runCommand(const std::string &command)
         simhid::setPresent(true);
         reply("plugged");
     } else if (command == "status") {
-        reply("polls " + std::to_string(simhid::enumerations(g_vid, g_pid)) + " closes " +
-              std::to_string(simhid::closes()) + " open " + std::to_string(simhid::openHandles()));
+        reply("polls " + std::to_string(simhid::enumerations(g_vid, g_pid)) + " closes "
+              + std::to_string(simhid::closes()) + " open " + std::to_string(simhid::openHandles()));
     } else {
         reply("unknown command '" + command + "'");
     }

@@ -27,9 +27,8 @@ Run runTool(const QStringList &arguments, int timeoutMs = 30000, const QString &
     } else {
         // A preloaded library comes before AddressSanitizer's runtime.
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("ASAN_OPTIONS"),
-                           environment.value(QStringLiteral("ASAN_OPTIONS")) +
-                               QStringLiteral(":verify_asan_link_order=0"));
+        environment.insert(QStringLiteral("ASAN_OPTIONS"), environment.value(QStringLiteral("ASAN_OPTIONS"))
+                                                               + QStringLiteral(":verify_asan_link_order=0"));
         process.setProcessEnvironment(environment);
         process.start(wrapper, QStringList{kCommctl} + arguments);
     }
@@ -115,8 +114,14 @@ public:
         }
     }
 
-    bool outContains(const QByteArray &text) { return readUntil([&] { return m_out.contains(text); }); }
-    bool errContains(const QByteArray &text) { return readUntil([&] { return m_err.contains(text); }); }
+    bool outContains(const QByteArray &text)
+    {
+        return readUntil([&] { return m_out.contains(text); });
+    }
+    bool errContains(const QByteArray &text)
+    {
+        return readUntil([&] { return m_err.contains(text); });
+    }
 
     // The device's state as its status command gives it:
     // "polls P closes C open H".
@@ -155,10 +160,7 @@ public:
         return finished;
     }
 
-    int exitCode() const
-    {
-        return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -2;
-    }
+    int exitCode() const { return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -2; }
     QByteArray out() const { return m_out; }
     QByteArray err() const { return m_err; }
 
@@ -208,8 +210,8 @@ void TestCommctl::sendOverUdpPrintsReplyAsJson()
 {
     Simulator sim({"--udp", "127.0.0.1:0"});
     QVERIFY2(sim.where().startsWith("127.0.0.1:"), qPrintable(sim.where()));
-    const Run run = runTool({"send", "--udp", sim.where(), "--cmd", "1", "--params", "0,0,0,0,0,0", "--wait", "1500",
-                             "--json"});
+    const Run run =
+        runTool({"send", "--udp", sim.where(), "--cmd", "1", "--params", "0,0,0,0,0,0", "--wait", "1500", "--json"});
     QCOMPARE(run.exitCode, 0);
     const QJsonObject record = onlyRecord(run);
     QCOMPARE(record.value("link").toInt(), 0);
@@ -221,8 +223,9 @@ void TestCommctl::sendOverUdpPrintsReplyAsJson()
     QCOMPARE(record.value("payload").toString(), QString());
     QCOMPARE(record.value("deviceType").toInt(), 0);
     QCOMPARE(run.out.trimmed(),
-             QByteArray("{\"link\":0,\"host\":\"127.0.0.1\",\"source\":\"127.0.0.1\",\"cmd\":1,\"params\":[0,0,0,0,0,0],"
-                        "\"checksum\":1,\"payload\":\"\",\"deviceType\":0}"));
+             QByteArray(
+                 "{\"link\":0,\"host\":\"127.0.0.1\",\"source\":\"127.0.0.1\",\"cmd\":1,\"params\":[0,0,0,0,0,0],"
+                 "\"checksum\":1,\"payload\":\"\",\"deviceType\":0}"));
 }
 
 void TestCommctl::sendOverUdpJoinsBlockDataIntoPayload()
@@ -243,8 +246,8 @@ void TestCommctl::sendOverSerialPrintsReplyAsJson()
 {
     Simulator sim({"--serial"});
     QVERIFY2(sim.where().startsWith("/dev/pts/"), qPrintable(sim.where()));
-    const Run run = runTool({"send", "--serial", sim.where(), "--cmd", "2", "--params", "0,0,0,0,0,0",
-                             "--device-type", "0x10", "--wait", "1500", "--json"});
+    const Run run = runTool({"send", "--serial", sim.where(), "--cmd", "2", "--params", "0,0,0,0,0,0", "--device-type",
+                             "0x10", "--wait", "1500", "--json"});
     QCOMPARE(run.exitCode, 0);
     const QJsonObject record = onlyRecord(run);
     QCOMPARE(record.value("link").toInt(), 1);
@@ -260,8 +263,8 @@ void TestCommctl::sendOverSerialPrintsReplyAsJson()
 void TestCommctl::sendOverSerialCarriesBlockPayload()
 {
     Simulator sim({"--serial"});
-    const Run run = runTool({"send", "--serial", sim.where(), "--cmd", "0x30", "--params", "0,0x79,0,0,3,0", "--wait",
-                             "1500", "--json"});
+    const Run run = runTool(
+        {"send", "--serial", sim.where(), "--cmd", "0x30", "--params", "0,0x79,0,0,3,0", "--wait", "1500", "--json"});
     QCOMPARE(run.exitCode, 0);
     QCOMPARE(onlyRecord(run).value("payload").toString(), QStringLiteral("303161"));
 }
@@ -313,11 +316,13 @@ void TestCommctl::listenOnUsbPrintsUnplugThenReplug()
     QCOMPARE(listener.statusAfterPolls(2).split(' ').mid(2), QList<QByteArray>({"closes", "0", "open", "1"}));
 
     listener.command("unplug");
-    QVERIFY2(listener.outContains("{\"event\":\"usb\",\"present\":false}\n"), (listener.out() + listener.err()).constData());
+    QVERIFY2(listener.outContains("{\"event\":\"usb\",\"present\":false}\n"),
+             (listener.out() + listener.err()).constData());
     QCOMPARE(listener.status().split(' ').mid(2), QList<QByteArray>({"closes", "1", "open", "0"}));
 
     listener.command("plug");
-    QVERIFY2(listener.outContains("{\"event\":\"usb\",\"present\":true}\n"), (listener.out() + listener.err()).constData());
+    QVERIFY2(listener.outContains("{\"event\":\"usb\",\"present\":true}\n"),
+             (listener.out() + listener.err()).constData());
     // Plugged back, the device stays closed until the application reopens it.
     QCOMPARE(listener.status().split(' ').mid(2), QList<QByteArray>({"closes", "1", "open", "0"}));
 

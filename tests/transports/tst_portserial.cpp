@@ -44,10 +44,10 @@ struct Link
 
 // Opens the link's transport on its pseudo-terminal, with 115200 8N1 and no
 // flow control; skips the test where no pseudo-terminal can be made.
-#define OPEN_LINK(link)                                                                                               \
-    do {                                                                                                              \
-        REQUIRE_PTY((link).pty);                                                                                      \
-        QVERIFY(openOn(*(link).port, (link).pty));                                                                    \
+#define OPEN_LINK(link)                                                                                                \
+    do {                                                                                                               \
+        REQUIRE_PTY((link).pty);                                                                                       \
+        QVERIFY(openOn(*(link).port, (link).pty));                                                                     \
     } while (false)
 
 // Reply frames as the device sends them: "[" "R", then B0..B6 and the check

@@ -220,7 +220,8 @@ void TestPortUDP::metaObjectListsSignalsThenSlotsAtInterfaceIndices()
     const QMetaObject &mo = PortUDP::staticMetaObject;
     QCOMPARE(QByteArray(mo.className()), QByteArray("PortUDP"));
     QCOMPARE(mo.superClass(), &PortBase::staticMetaObject);
-    const struct {
+    const struct
+    {
         QMetaMethod::MethodType type;
         const char *signature;
     } expected[] = {
@@ -321,10 +322,14 @@ void TestPortUDP::autoRecPadsToTwoCharacters_data()
 {
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("padded");
-    QTest::newRow("empty") << "" << "00";
-    QTest::newRow("one") << "a" << "0a";
-    QTest::newRow("two") << "ff" << "ff";
-    QTest::newRow("three") << "abc" << "abc";
+    QTest::newRow("empty") << ""
+                           << "00";
+    QTest::newRow("one") << "a"
+                         << "0a";
+    QTest::newRow("two") << "ff"
+                         << "ff";
+    QTest::newRow("three") << "abc"
+                           << "abc";
 }
 
 void TestPortUDP::autoRecPadsToTwoCharacters()
@@ -401,7 +406,8 @@ void TestPortUDP::sendDataLogEndsAtFirstZeroByteOfFrame()
     send(*m_port, command(0, QByteArray("\xC3\xA9t\xC3\xA9\0tail", 10)));
     QVERIFY(m_device->waitForDatagrams(1));
     QCOMPARE(m_device->datagrams().first().bytes, kFrame + QByteArray("\xC3\xA9t\xC3\xA9\0tail", 10));
-    QCOMPARE(log.lines(), (QStringList{"Send successful", QString::fromUtf8("Send data:" + kFrame + "\xC3\xA9t\xC3\xA9")}));
+    QCOMPARE(log.lines(),
+             (QStringList{"Send successful", QString::fromUtf8("Send data:" + kFrame + "\xC3\xA9t\xC3\xA9")}));
 }
 
 void TestPortUDP::sendModeTwoLogsAbnormalAndWritesNothing()
@@ -521,7 +527,8 @@ void TestPortUDP::broadcastWritesWholeFrameOnceToBroadcastAddress()
     QCOMPARE(m_port->writes.first().bytes, kFrame + payload);
     QCOMPARE(m_port->writes.first().address, QHostAddress(QHostAddress::Broadcast));
     QCOMPARE(m_port->writes.first().port, m_device->port());
-    QCOMPARE(log.lines(), (QStringList{"Send Broadcast successful", "Send data:" + QString::fromUtf8(kFrame + payload)}));
+    QCOMPARE(log.lines(),
+             (QStringList{"Send Broadcast successful", "Send data:" + QString::fromUtf8(kFrame + payload)}));
 }
 
 void TestPortUDP::broadcastOutcomeIsLogged_data()
@@ -876,11 +883,11 @@ void TestPortUDP::dealFlagFalseDropsEveryReply()
 {
     QVERIFY(linkUp());
     m_port->m_dealFlag = false;
-    QVERIFY(receive(replies::reply(1, 0, 0x10, 0, 0, 0, 0)));          // queue
-    QVERIFY(receive(replies::reply(1, 0, 0x79, 0x09, 0, 0, 0)));       // deliver at once
+    QVERIFY(receive(replies::reply(1, 0, 0x10, 0, 0, 0, 0)));    // queue
+    QVERIFY(receive(replies::reply(1, 0, 0x79, 0x09, 0, 0, 0))); // deliver at once
     QCOMPARE(testqueue::length(), size_t(0));
-    QVERIFY(receive(replies::reply(1, 0, 0x77, 0x23, 0, 0x81, 0)));    // hold
-    QVERIFY(receive(replies::blockBytes(129)));                        // block data, combined
+    QVERIFY(receive(replies::reply(1, 0, 0x77, 0x23, 0, 0x81, 0))); // hold
+    QVERIFY(receive(replies::blockBytes(129)));                     // block data, combined
     QTRY_VERIFY(m_port->blockBuffer().isEmpty());
     m_port.reset();
     QCOMPARE(testqueue::length(), size_t(0));

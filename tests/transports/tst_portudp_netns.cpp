@@ -27,15 +27,15 @@ void sendCommand(PortUDP &port, quint8 sendMode)
 }
 
 // QSKIP ends the test function it stands in, so these stay macros.
-#define REQUIRE_FULL_NAMESPACE()                                                                                     \
-    do {                                                                                                             \
-        if (!m_full)                                                                                                 \
-            QSKIP("needs 100.100.100.100 on lo: runs in the namespace made without --loopback-only");               \
+#define REQUIRE_FULL_NAMESPACE()                                                                                       \
+    do {                                                                                                               \
+        if (!m_full)                                                                                                   \
+            QSKIP("needs 100.100.100.100 on lo: runs in the namespace made without --loopback-only");                  \
     } while (false)
-#define REQUIRE_LOOPBACK_ONLY_NAMESPACE()                                                                            \
-    do {                                                                                                             \
-        if (m_full)                                                                                                  \
-            QSKIP("needs a namespace with loopback addresses only: runs with run-in-netns.sh --loopback-only");     \
+#define REQUIRE_LOOPBACK_ONLY_NAMESPACE()                                                                              \
+    do {                                                                                                               \
+        if (m_full)                                                                                                    \
+            QSKIP("needs a namespace with loopback addresses only: runs with run-in-netns.sh --loopback-only");        \
     } while (false)
 
 bool onlyLoopbackInterfaces()

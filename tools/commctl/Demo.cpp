@@ -45,7 +45,8 @@ bool Demo::exchange(PortBase *port, const DemoCommand &command)
     record.commandByte = command.cmd;
     for (int i = 0; i < 6; ++i)
         record.paramBytes[i] = command.params[size_t(i)];
-    printOut(QStringLiteral("-> %1: %2").arg(QLatin1String(command.what), QString::fromLatin1(comm::commandFrame(record))));
+    printOut(
+        QStringLiteral("-> %1: %2").arg(QLatin1String(command.what), QString::fromLatin1(comm::commandFrame(record))));
     void *parameters = &record;
     QMetaObject::invokeMethod(port, "sendDatatoDevice", Qt::DirectConnection, Q_ARG(void *, parameters));
     ++m_sent;
@@ -99,8 +100,8 @@ void Demo::serialLink()
     }
     section(QStringLiteral("Serial link: simulated device on pseudo-terminal %1").arg(device.slavePath()));
     PortBase *port = PortInterface::creatCoreObj(ConnSerial);
-    if (!port->openSerialPort(device.slavePath(), QSerialPort::Baud115200, QSerialPort::OneStop,
-                              QSerialPort::NoParity, QSerialPort::NoFlowControl, QSerialPort::Data8)) {
+    if (!port->openSerialPort(device.slavePath(), QSerialPort::Baud115200, QSerialPort::OneStop, QSerialPort::NoParity,
+                              QSerialPort::NoFlowControl, QSerialPort::Data8)) {
         printOut(QStringLiteral("cannot open %1").arg(device.slavePath()));
         ++m_missing;
         return;

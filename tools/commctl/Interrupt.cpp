@@ -41,7 +41,8 @@ InterruptQuits::InterruptQuits()
         QCoreApplication::exit(0);
     });
     for (int i = 0; i < 2; ++i) {
-        struct sigaction action {};
+        struct sigaction action
+        {};
         action.sa_handler = onSignal;
         sigemptyset(&action.sa_mask);
         action.sa_flags = SA_RESTART;

@@ -65,10 +65,11 @@ private:
     bool number(const QString &option, const QString &text, qint64 low, qint64 high, qint64 *value)
     {
         if (!parseNumber(text, low, high, value))
-            return fail(QStringLiteral("bad value for %1: '%2' (expected a number from %3 to %4, decimal or 0x-hexadecimal)")
-                            .arg(option, text)
-                            .arg(low)
-                            .arg(high));
+            return fail(
+                QStringLiteral("bad value for %1: '%2' (expected a number from %3 to %4, decimal or 0x-hexadecimal)")
+                    .arg(option, text)
+                    .arg(low)
+                    .arg(high));
         return true;
     }
     bool linkOption(int &i, bool *handled);
@@ -145,8 +146,9 @@ bool Parser::linkOption(int &i, bool *handled)
             return false;
         const QStringList parts = value.split(':');
         if (parts.size() != 2 || !parseHexWord(parts[0], &link.vid) || !parseHexWord(parts[1], &link.pid))
-            return fail(QStringLiteral("bad value for --usb: '%1' (expected VID:PID in hexadecimal, for example 0483:5750)")
-                            .arg(value));
+            return fail(
+                QStringLiteral("bad value for --usb: '%1' (expected VID:PID in hexadecimal, for example 0483:5750)")
+                    .arg(value));
         return true;
     }
     if (option == QLatin1String("--baud")) {
@@ -159,40 +161,60 @@ bool Parser::linkOption(int &i, bool *handled)
     if (option == QLatin1String("--data-bits")) {
         if (!takeValue(i, &value))
             return false;
-        if (value == QLatin1String("5")) link.dataBits = QSerialPort::Data5;
-        else if (value == QLatin1String("6")) link.dataBits = QSerialPort::Data6;
-        else if (value == QLatin1String("7")) link.dataBits = QSerialPort::Data7;
-        else if (value == QLatin1String("8")) link.dataBits = QSerialPort::Data8;
-        else return fail(QStringLiteral("bad value for --data-bits: '%1' (expected 5, 6, 7 or 8)").arg(value));
+        if (value == QLatin1String("5"))
+            link.dataBits = QSerialPort::Data5;
+        else if (value == QLatin1String("6"))
+            link.dataBits = QSerialPort::Data6;
+        else if (value == QLatin1String("7"))
+            link.dataBits = QSerialPort::Data7;
+        else if (value == QLatin1String("8"))
+            link.dataBits = QSerialPort::Data8;
+        else
+            return fail(QStringLiteral("bad value for --data-bits: '%1' (expected 5, 6, 7 or 8)").arg(value));
         return true;
     }
     if (option == QLatin1String("--parity")) {
         if (!takeValue(i, &value))
             return false;
-        if (value == QLatin1String("none")) link.parity = QSerialPort::NoParity;
-        else if (value == QLatin1String("even")) link.parity = QSerialPort::EvenParity;
-        else if (value == QLatin1String("odd")) link.parity = QSerialPort::OddParity;
-        else if (value == QLatin1String("space")) link.parity = QSerialPort::SpaceParity;
-        else if (value == QLatin1String("mark")) link.parity = QSerialPort::MarkParity;
-        else return fail(QStringLiteral("bad value for --parity: '%1' (expected none, even, odd, space or mark)").arg(value));
+        if (value == QLatin1String("none"))
+            link.parity = QSerialPort::NoParity;
+        else if (value == QLatin1String("even"))
+            link.parity = QSerialPort::EvenParity;
+        else if (value == QLatin1String("odd"))
+            link.parity = QSerialPort::OddParity;
+        else if (value == QLatin1String("space"))
+            link.parity = QSerialPort::SpaceParity;
+        else if (value == QLatin1String("mark"))
+            link.parity = QSerialPort::MarkParity;
+        else
+            return fail(
+                QStringLiteral("bad value for --parity: '%1' (expected none, even, odd, space or mark)").arg(value));
         return true;
     }
     if (option == QLatin1String("--stop-bits")) {
         if (!takeValue(i, &value))
             return false;
-        if (value == QLatin1String("1")) link.stopBits = QSerialPort::OneStop;
-        else if (value == QLatin1String("1.5")) link.stopBits = QSerialPort::OneAndHalfStop;
-        else if (value == QLatin1String("2")) link.stopBits = QSerialPort::TwoStop;
-        else return fail(QStringLiteral("bad value for --stop-bits: '%1' (expected 1, 1.5 or 2)").arg(value));
+        if (value == QLatin1String("1"))
+            link.stopBits = QSerialPort::OneStop;
+        else if (value == QLatin1String("1.5"))
+            link.stopBits = QSerialPort::OneAndHalfStop;
+        else if (value == QLatin1String("2"))
+            link.stopBits = QSerialPort::TwoStop;
+        else
+            return fail(QStringLiteral("bad value for --stop-bits: '%1' (expected 1, 1.5 or 2)").arg(value));
         return true;
     }
     if (option == QLatin1String("--flow")) {
         if (!takeValue(i, &value))
             return false;
-        if (value == QLatin1String("none")) link.flow = QSerialPort::NoFlowControl;
-        else if (value == QLatin1String("hardware")) link.flow = QSerialPort::HardwareControl;
-        else if (value == QLatin1String("software")) link.flow = QSerialPort::SoftwareControl;
-        else return fail(QStringLiteral("bad value for --flow: '%1' (expected none, hardware or software)").arg(value));
+        if (value == QLatin1String("none"))
+            link.flow = QSerialPort::NoFlowControl;
+        else if (value == QLatin1String("hardware"))
+            link.flow = QSerialPort::HardwareControl;
+        else if (value == QLatin1String("software"))
+            link.flow = QSerialPort::SoftwareControl;
+        else
+            return fail(QStringLiteral("bad value for --flow: '%1' (expected none, hardware or software)").arg(value));
         return true;
     }
     *handled = false;
@@ -204,11 +226,16 @@ bool Parser::run()
     if (m_args.isEmpty())
         return fail(QStringLiteral("no command given"));
     const QString command = m_args[0];
-    if (command == QLatin1String("send")) m_options->command = Options::Send;
-    else if (command == QLatin1String("listen")) m_options->command = Options::Listen;
-    else if (command == QLatin1String("sim")) m_options->command = Options::Sim;
-    else if (command == QLatin1String("demo")) m_options->command = Options::Demo;
-    else return fail(QStringLiteral("unknown command '%1'").arg(command));
+    if (command == QLatin1String("send"))
+        m_options->command = Options::Send;
+    else if (command == QLatin1String("listen"))
+        m_options->command = Options::Listen;
+    else if (command == QLatin1String("sim"))
+        m_options->command = Options::Sim;
+    else if (command == QLatin1String("demo"))
+        m_options->command = Options::Demo;
+    else
+        return fail(QStringLiteral("unknown command '%1'").arg(command));
 
     const Options::Command cmd = m_options->command;
     for (int i = 1; i < m_args.size(); ++i) {
@@ -249,7 +276,8 @@ bool Parser::run()
                 return false;
             const QStringList parts = value.split(',');
             if (parts.size() != 6)
-                return fail(QStringLiteral("bad value for --params: '%1' (expected six bytes B1,B2,B3,B4,B5,B6)").arg(value));
+                return fail(
+                    QStringLiteral("bad value for --params: '%1' (expected six bytes B1,B2,B3,B4,B5,B6)").arg(value));
             for (int p = 0; p < 6; ++p) {
                 if (!this->number(option, parts[p], 0, 255, &number))
                     return false;
@@ -263,7 +291,8 @@ bool Parser::run()
             for (QChar c : value)
                 valid = valid && ((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F'));
             if (!valid)
-                return fail(QStringLiteral("bad value for --payload: '%1' (expected an even number of hex digits)").arg(value));
+                return fail(
+                    QStringLiteral("bad value for --payload: '%1' (expected an even number of hex digits)").arg(value));
             m_options->payload = QByteArray::fromHex(value.toLatin1());
         } else if (cmd == Options::Send && option == QLatin1String("--mode")) {
             if (!takeValue(i, &value) || !this->number(option, value, 0, 255, &number))
@@ -302,13 +331,15 @@ QString usageText()
 {
     return QStringLiteral(
         "usage:\n"
-        "  commctl send   LINK --cmd BYTE --params B1,B2,B3,B4,B5,B6 [--payload HEX] [--mode N] [--device-type N] [--wait MS] [--json] [--capture FILE]\n"
+        "  commctl send   LINK --cmd BYTE --params B1,B2,B3,B4,B5,B6 [--payload HEX] [--mode N] [--device-type N] "
+        "[--wait MS] [--json] [--capture FILE]\n"
         "  commctl listen LINK [--duration MS] [--json] [--capture FILE]\n"
         "  commctl sim    (--udp [HOST:]PORT | --serial | --usb VID:PID) [--duration MS]\n"
         "  commctl demo\n"
         "LINK is one of:\n"
         "  --udp HOST:PORT        network transport: setDeviceIP(HOST), setPort(PORT)\n"
-        "  --serial PATH [--baud N] [--data-bits 5|6|7|8] [--parity none|even|odd|space|mark] [--stop-bits 1|1.5|2] [--flow none|hardware|software]\n"
+        "  --serial PATH [--baud N] [--data-bits 5|6|7|8] [--parity none|even|odd|space|mark] [--stop-bits 1|1.5|2] "
+        "[--flow none|hardware|software]\n"
         "                         (defaults 115200, 8, none, 1, none)\n"
         "  --usb VID:PID          hexadecimal identifiers, for example 0483:5750\n"
         "BYTE, N and each B accept decimal or 0x-prefixed hexadecimal; HEX is an even number of hex digits.\n"

@@ -11,15 +11,15 @@
 struct LinkOptions
 {
     enum Kind { None, Udp, Serial, Usb } kind = None;
-    QString host;          // --udp HOST:PORT
+    QString host; // --udp HOST:PORT
     quint16 port = 0;
-    QString serialPath;    // --serial PATH
+    QString serialPath; // --serial PATH
     qint32 baud = 115200;
     QSerialPort::DataBits dataBits = QSerialPort::Data8;
     QSerialPort::Parity parity = QSerialPort::NoParity;
     QSerialPort::StopBits stopBits = QSerialPort::OneStop;
     QSerialPort::FlowControl flow = QSerialPort::NoFlowControl;
-    quint16 vid = 0;       // --usb VID:PID
+    quint16 vid = 0; // --usb VID:PID
     quint16 pid = 0;
 };
 

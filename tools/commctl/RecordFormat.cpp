@@ -8,11 +8,21 @@ QString jsonString(const QString &text)
     QString out(QLatin1Char('"'));
     for (QChar c : text) {
         switch (c.unicode()) {
-        case '"': out += QLatin1String("\\\""); break;
-        case '\\': out += QLatin1String("\\\\"); break;
-        case '\n': out += QLatin1String("\\n"); break;
-        case '\r': out += QLatin1String("\\r"); break;
-        case '\t': out += QLatin1String("\\t"); break;
+        case '"':
+            out += QLatin1String("\\\"");
+            break;
+        case '\\':
+            out += QLatin1String("\\\\");
+            break;
+        case '\n':
+            out += QLatin1String("\\n");
+            break;
+        case '\r':
+            out += QLatin1String("\\r");
+            break;
+        case '\t':
+            out += QLatin1String("\\t");
+            break;
         default:
             if (c.unicode() < 0x20)
                 out += QStringLiteral("\\u%1").arg(c.unicode(), 4, 16, QLatin1Char('0'));
@@ -27,10 +37,14 @@ QString jsonString(const QString &text)
 QString linkName(quint8 link)
 {
     switch (link) {
-    case 0: return QStringLiteral("udp");
-    case 1: return QStringLiteral("serial");
-    case 2: return QStringLiteral("usb");
-    default: return QString::number(link);
+    case 0:
+        return QStringLiteral("udp");
+    case 1:
+        return QStringLiteral("serial");
+    case 2:
+        return QStringLiteral("usb");
+    default:
+        return QString::number(link);
     }
 }
 
@@ -68,7 +82,8 @@ QString recordText(const ProtocolData &record)
                        .arg(record.payload.size());
     if (!record.payload.isEmpty()) {
         const QByteArray shown = record.payload.left(16).toHex(' ');
-        text += QStringLiteral(" [%1%2]").arg(QString::fromLatin1(shown), record.payload.size() > 16 ? QStringLiteral(" ...") : QString());
+        text += QStringLiteral(" [%1%2]").arg(QString::fromLatin1(shown),
+                                              record.payload.size() > 16 ? QStringLiteral(" ...") : QString());
     }
     text += QStringLiteral(", device type %1").arg(int(record.deviceType));
     return text;
@@ -76,7 +91,8 @@ QString recordText(const ProtocolData &record)
 
 QString usbEventJson(bool present)
 {
-    return QStringLiteral("{\"event\":\"usb\",\"present\":%1}").arg(present ? QStringLiteral("true") : QStringLiteral("false"));
+    return QStringLiteral("{\"event\":\"usb\",\"present\":%1}")
+        .arg(present ? QStringLiteral("true") : QStringLiteral("false"));
 }
 
 QString usbEventText(bool present)

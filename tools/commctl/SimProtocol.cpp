@@ -28,15 +28,26 @@ int announcedNetworkBlock(const HeaderBytes &b)
     const quint8 p2 = b[2], p3 = b[3], p5 = b[5], p6 = b[6];
     bool held = false;
     switch (p2) {
-    case 0x8B: held = p3 == 0x05 || p3 == 0x09; break;
-    case 0x8E: held = p3 == 0x27; break;
-    case 0xF1: held = !(p3 == 0x40 && p5 == 0 && p6 == 0); break;
-    case 0x77: held = p3 == 0x23; break;
+    case 0x8B:
+        held = p3 == 0x05 || p3 == 0x09;
+        break;
+    case 0x8E:
+        held = p3 == 0x27;
+        break;
+    case 0xF1:
+        held = !(p3 == 0x40 && p5 == 0 && p6 == 0);
+        break;
+    case 0x77:
+        held = p3 == 0x23;
+        break;
     case 0x79:
         held = !(p3 == 0x09 || p3 == 0x0A || p3 == 0x0C || p3 == 0x12 || p3 == 0x13 || p3 == 0x17);
         break;
-    case 0x69: held = p3 == 0x09; break;
-    default: break;
+    case 0x69:
+        held = p3 == 0x09;
+        break;
+    default:
+        break;
     }
     if (!held)
         return 0;
@@ -85,7 +96,7 @@ QByteArray replyFrame(const HeaderBytes &command)
 
 QByteArray blockData(Link link, const HeaderBytes &command)
 {
-    const int length = link == Link::Network ? announcedNetworkBlock(command)
+    const int length = link == Link::Network  ? announcedNetworkBlock(command)
                        : link == Link::Serial ? announcedSerialBlock(command)
                                               : 0; // USB replies never carry a block
     if (length <= 0)

@@ -96,7 +96,10 @@ bool SimulatedDevice::startUdp(const QHostAddress &address, quint16 port, QStrin
 {
     m_udp = new QUdpSocket(this);
     if (!m_udp->bind(address, port)) {
-        *error = QStringLiteral("cannot listen on udp %1:%2: %3").arg(address.toString()).arg(port).arg(m_udp->errorString());
+        *error = QStringLiteral("cannot listen on udp %1:%2: %3")
+                     .arg(address.toString())
+                     .arg(port)
+                     .arg(m_udp->errorString());
         return false;
     }
     connect(m_udp, &QUdpSocket::readyRead, this, &SimulatedDevice::readDatagrams);
@@ -194,16 +197,15 @@ bool SimulatedDevice::startUsb(quint16 vid, quint16 pid, QString *error)
     create.u.create2.product = pid;
     std::memcpy(create.u.create2.rd_data, kReportDescriptor, sizeof kReportDescriptor);
     if (::write(m_uhid, &create, sizeof create) != ssize_t(sizeof create)) {
-        *error = QStringLiteral("cannot make a virtual HID device: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
+        *error =
+            QStringLiteral("cannot make a virtual HID device: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
         ::close(m_uhid);
         m_uhid = -1;
         return false;
     }
     m_uhidNotifier = new QSocketNotifier(m_uhid, QSocketNotifier::Read);
     connect(m_uhidNotifier, &QSocketNotifier::activated, this, &SimulatedDevice::readUhid);
-    log(QStringLiteral("sim: virtual HID device %1:%2")
-            .arg(vid, 4, 16, QChar('0'))
-            .arg(pid, 4, 16, QChar('0')));
+    log(QStringLiteral("sim: virtual HID device %1:%2").arg(vid, 4, 16, QChar('0')).arg(pid, 4, 16, QChar('0')));
     return true;
 }
 

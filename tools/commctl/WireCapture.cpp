@@ -95,17 +95,16 @@ void WireCapture::record(const comm::wiretap::Packet &packet)
     using comm::wiretap::Link;
     const int size = int(packet.size);
     if (packet.link != Link::Network) {
-        const auto direction = packet.direction == Direction::Written ? StreamDirection::Written : StreamDirection::Read;
+        const auto direction = packet.direction == Direction::Written ? StreamDirection::Written
+                                                                      : StreamDirection::Read;
         m_writer.write(streamRecord(direction, quint8(packet.link), packet.bytes, size));
         return;
     }
     const QHostAddress local = sourceFor(packet.localAddress, packet.remoteAddress);
     if (packet.direction == Direction::Written)
-        m_writer.write(udpPacket(local, packet.localPort, packet.remoteAddress, packet.remotePort, packet.bytes,
-                                      size));
+        m_writer.write(udpPacket(local, packet.localPort, packet.remoteAddress, packet.remotePort, packet.bytes, size));
     else
-        m_writer.write(udpPacket(packet.remoteAddress, packet.remotePort, local, packet.localPort, packet.bytes,
-                                      size));
+        m_writer.write(udpPacket(packet.remoteAddress, packet.remotePort, local, packet.localPort, packet.bytes, size));
 }
 
 QHostAddress WireCapture::sourceFor(const QHostAddress &local, const QHostAddress &remote)

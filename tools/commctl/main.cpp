@@ -43,9 +43,12 @@ void pumpRecords(qint64 durationMs, Print print)
 ConnType connTypeOf(const LinkOptions &link)
 {
     switch (link.kind) {
-    case LinkOptions::Usb: return ConnUSB;
-    case LinkOptions::Serial: return ConnSerial;
-    default: return ConnUDP;
+    case LinkOptions::Usb:
+        return ConnUSB;
+    case LinkOptions::Serial:
+        return ConnSerial;
+    default:
+        return ConnUDP;
     }
 }
 
@@ -84,7 +87,8 @@ PortBase *openLink(const Options &options)
         if (!port->openSerialPort(link.serialPath, QSerialPort::BaudRate(link.baud), link.stopBits, link.parity,
                                   link.flow, link.dataBits)) {
             const auto *serial = qobject_cast<PortSerial *>(port);
-            const QString reason = serial && serial->m_com ? serial->m_com->errorString() : QStringLiteral("unknown error");
+            const QString reason = serial && serial->m_com ? serial->m_com->errorString()
+                                                           : QStringLiteral("unknown error");
             printErr(QStringLiteral("commctl: cannot open serial port %1: %2").arg(link.serialPath, reason));
             return nullptr;
         }
@@ -190,7 +194,6 @@ int runSim(const Options &options)
 }
 } // namespace
 
-
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
@@ -210,10 +213,14 @@ int main(int argc, char *argv[])
         return 2;
     }
     switch (options.command) {
-    case Options::Send: return runWithCapture(options, [&] { return runSend(options); });
-    case Options::Listen: return runWithCapture(options, [&] { return runListen(options); });
-    case Options::Sim: return runSim(options);
-    case Options::Demo: return runDemo();
+    case Options::Send:
+        return runWithCapture(options, [&] { return runSend(options); });
+    case Options::Listen:
+        return runWithCapture(options, [&] { return runListen(options); });
+    case Options::Sim:
+        return runSim(options);
+    case Options::Demo:
+        return runDemo();
     }
     return 2;
 }

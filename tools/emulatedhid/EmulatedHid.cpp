@@ -132,8 +132,7 @@ bool Testbed::plug(quint16 vid, quint16 pid, Device *device, QString *error)
         return false;
     }
     const QString node = QStringLiteral("/dev/hidraw%1").arg(number);
-    if (!umockdev_testbed_load_ioctl(d->bed, node.toUtf8().constData(), d->ioctlPath.toUtf8().constData(),
-                                     &failure)) {
+    if (!umockdev_testbed_load_ioctl(d->bed, node.toUtf8().constData(), d->ioctlPath.toUtf8().constData(), &failure)) {
         *error = QStringLiteral("umockdev cannot load the node's ioctl answers: %1").arg(takeError(failure));
         return false;
     }
