@@ -10,6 +10,7 @@ packages=(
     umockdev libumockdev-dev
     libbenchmark-dev python3
     iproute2 util-linux
+    tshark
 )
 # scripts/install-deps.sh --fuzz: clang and its fuzzer runtime as well.
 if [ "${1:-}" = "--fuzz" ]; then
@@ -30,4 +31,6 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 echo "Installing: ${missing[*]}"
 $sudo apt-get update -qq
+# tshark asks whether users other than root may capture: no (and no question).
+echo "wireshark-common wireshark-common/install-setuid boolean false" | $sudo debconf-set-selections
 DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -8,6 +8,7 @@
 #include "IoThread.h"
 #include "MutexGuard.h"
 #include "StreamLink.h"
+#include "WireTap.h"
 
 namespace {
 // How often a stopping side looks whether the worker has ended.
@@ -173,6 +174,8 @@ void PortSerial::readPendingDatagrams()
     m_io->run([this] {
         while (m_com->bytesAvailable() != 0) {
             const QByteArray data = m_com->readAll();
+            comm::wiretap::stream(comm::wiretap::Link::Serial, comm::wiretap::Direction::Read, data.constData(),
+                                  data.size());
             if (m_dealFlag)
                 m_link->reassembler.append(data);
         }
@@ -206,7 +209,10 @@ void PortSerial::sendComData(QByteArray data)
 
 qint64 PortSerial::writeComData(const char *data, qint64 size)
 {
-    return m_com->write(data, size);
+    const qint64 written = m_com->write(data, size);
+    if (written > 0)
+        comm::wiretap::stream(comm::wiretap::Link::Serial, comm::wiretap::Direction::Written, data, written);
+    return written;
 }
 
 void PortSerial::ThreadDealDataFunc()

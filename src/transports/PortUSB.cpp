@@ -11,6 +11,7 @@
 #include "HotPlugWatcher.h"
 #include "MutexGuard.h"
 #include "StreamLink.h"
+#include "WireTap.h"
 
 namespace {
 
@@ -138,7 +139,10 @@ void PortUSB::ThreadReadPendingDatagrams()
         // A time-out, an error or a closed device skips the cycle. Every byte
         // read is kept, zero padding behind a short frame included.
         m_device->read(buffer, kReadBufferSize, kReadTimeoutMs, [&](int count) {
-            reassembler.append(QByteArray(reinterpret_cast<const char *>(buffer), std::min(count, kReadBufferSize)));
+            const int size = std::min(count, kReadBufferSize);
+            comm::wiretap::stream(comm::wiretap::Link::Usb, comm::wiretap::Direction::Read,
+                                  reinterpret_cast<const char *>(buffer), size);
+            reassembler.append(QByteArray(reinterpret_cast<const char *>(buffer), size));
         });
     } while (m_readRunning);
 }
@@ -175,6 +179,9 @@ void PortUSB::writeReports(const QByteArray &data, comm::ReportSplit split)
         const int written = m_device->write(report, comm::kHidReportSize);
         if (written == comm::HidDevice::kNotOpen)
             return; // closed: nothing is written, nothing logged
+        if (written >= 0)
+            comm::wiretap::stream(comm::wiretap::Link::Usb, comm::wiretap::Direction::Written,
+                                  reinterpret_cast<const char *>(report), comm::kHidReportSize);
         if (written == -1) {
             if (chunk.logsFailure)
                 comm::debugLine(QStringLiteral("Send failed"));

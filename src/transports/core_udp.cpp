@@ -12,6 +12,7 @@
 #include "LocalAddress.h"
 #include "NativeDatagram.h"
 #include "ReceiveQueueSink.h"
+#include "WireTap.h"
 
 std::mutex PortUDP::stdCMDlock;
 
@@ -194,8 +195,12 @@ qint64 PortUDP::writeDatagramTo(const char *bytes, qint64 size, const QHostAddre
     if (address.isNull() || !m_udpSocket)
         return -1;
     const qintptr bound = m_boundDescriptor;
-    if (bound >= 0)
-        return comm::sendDatagram({bound, m_boundFamily}, bytes, size, address, port);
+    if (bound >= 0) {
+        const qint64 written = comm::sendDatagram({bound, m_boundFamily}, bytes, size, address, port);
+        if (written >= 0)
+            comm::wiretap::datagram(comm::wiretap::Direction::Written, bytes, written, bound, address, port);
+        return written;
+    }
     // The first send, on the I/O thread: Qt binds the socket to an ephemeral
     // port and starts watching it for replies.
     const qint64 written = m_udpSocket->writeDatagram(bytes, size, address, port);
@@ -204,6 +209,9 @@ qint64 PortUDP::writeDatagramTo(const char *bytes, qint64 size, const QHostAddre
         m_boundFamily = socket.family;
         m_boundDescriptor = socket.descriptor;
     }
+    if (written >= 0)
+        comm::wiretap::datagram(comm::wiretap::Direction::Written, bytes, written, m_udpSocket->socketDescriptor(),
+                                address, port);
     return written;
 }
 
@@ -264,6 +272,7 @@ void PortUDP::readPendingHere()
     while (true) {
         QByteArray datagram;
         QHostAddress sender;
+        quint16 senderPort = 0;
         {
             std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
             // A socket that no send has bound yet has nothing to read.
@@ -272,10 +281,12 @@ void PortUDP::readPendingHere()
                 return;
             const qint64 size = m_udpSocket->pendingDatagramSize();
             datagram.resize(static_cast<int>(qMax<qint64>(size, 0)));
-            const qint64 read = m_udpSocket->readDatagram(datagram.data(), datagram.size(), &sender);
+            const qint64 read = m_udpSocket->readDatagram(datagram.data(), datagram.size(), &sender, &senderPort);
             if (read < 0)
                 return;
             datagram.truncate(static_cast<int>(read));
+            comm::wiretap::datagram(comm::wiretap::Direction::Read, datagram.constData(), datagram.size(),
+                                    m_udpSocket->socketDescriptor(), sender, senderPort);
         }
         m_reply->parser.takeDatagram(datagram, comm::senderText(sender.toString()), m_deviceType.load());
     }

@@ -256,6 +256,12 @@ bool Parser::run()
         }
         if (option == QLatin1String("--json") && cmd != Options::Sim) {
             m_options->json = true;
+        } else if (option == QLatin1String("--capture") && cmd != Options::Sim) {
+            if (!takeValue(i, &value))
+                return false;
+            if (value.isEmpty())
+                return fail(QStringLiteral("bad value for --capture: '' (expected a file name)"));
+            m_options->capturePath = value;
         } else if (option == QLatin1String("--duration") && cmd != Options::Send) {
             if (!takeValue(i, &value) || !this->number(option, value, 0, 0x7FFFFFFF, &number))
                 return false;
@@ -326,8 +332,8 @@ QString usageText()
     return QStringLiteral(
         "usage:\n"
         "  commctl send   LINK --cmd BYTE --params B1,B2,B3,B4,B5,B6 [--payload HEX] [--mode N] [--device-type N] "
-        "[--wait MS] [--json]\n"
-        "  commctl listen LINK [--duration MS] [--json]\n"
+        "[--wait MS] [--json] [--capture FILE]\n"
+        "  commctl listen LINK [--duration MS] [--json] [--capture FILE]\n"
         "  commctl sim    (--udp [HOST:]PORT | --serial | --usb VID:PID) [--duration MS]\n"
         "  commctl demo\n"
         "LINK is one of:\n"
@@ -336,5 +342,7 @@ QString usageText()
         "[--flow none|hardware|software]\n"
         "                         (defaults 115200, 8, none, 1, none)\n"
         "  --usb VID:PID          hexadecimal identifiers, for example 0483:5750\n"
-        "BYTE, N and each B accept decimal or 0x-prefixed hexadecimal; HEX is an even number of hex digits.\n");
+        "BYTE, N and each B accept decimal or 0x-prefixed hexadecimal; HEX is an even number of hex digits.\n"
+        "--capture FILE writes every byte the link writes and reads to FILE as a pcap capture (network: IP/UDP\n"
+        "packets; serial: link type USER0; USB: link type USER1), for Wireshark with the libcomm dissector.\n");
 }

@@ -35,6 +35,8 @@ struct Options
     qint32 deviceType = 0;
     qint64 waitMs = 0;
     bool json = false;
+    // send and listen: --capture FILE, a pcap file of the link's traffic
+    QString capturePath;
     // listen and sim: -1 runs until interrupted
     qint64 durationMs = -1;
     // sim: --serial takes no path

@@ -16,6 +16,7 @@
 #include "PortUSB.h"
 #include "RecordFormat.h"
 #include "SimulatedDevice.h"
+#include "WireCapture.h"
 #include "Console.h"
 
 namespace {
@@ -213,9 +214,9 @@ int main(int argc, char *argv[])
     }
     switch (options.command) {
     case Options::Send:
-        return runSend(options);
+        return runWithCapture(options, [&] { return runSend(options); });
     case Options::Listen:
-        return runListen(options);
+        return runWithCapture(options, [&] { return runListen(options); });
     case Options::Sim:
         return runSim(options);
     case Options::Demo:
