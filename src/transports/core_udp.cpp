@@ -61,12 +61,14 @@ PortUDP::~PortUDP()
     //
     // Nothing of this object lives on the thread it was made on (its socket is
     // on the I/O thread, and nothing is ever posted to it), so it may be
-    // deleted from any thread. Rebuilds already queued run before the
-    // teardown, which runs before the I/O thread ends.
+    // deleted from any thread. The teardown runs before the I/O thread ends;
+    // a rebuild still queued behind it finds the transport torn down and
+    // makes no socket.
     m_io->run([this] {
         // Made on this thread, and undone here too.
         disconnect(this, &PortUDP::signalReInitUdp, nullptr, nullptr);
         std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        m_tornDown = true;
         tearDownSocket(Rebuild::DropDeviceAddress);
     });
     m_io->stop();
@@ -135,6 +137,8 @@ void PortUDP::rebuildSocket(Rebuild kind)
         // One step for the threads that send: they find the old socket or
         // the new one, never none.
         std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        if (m_tornDown)
+            return; // queued before the destructor's teardown, run after it
         tearDownSocket(kind);
         createSocket();
     });

@@ -158,5 +158,7 @@ private:
     // held shared (the family first), and the descriptor goes back to -1 only
     // with the guard held exclusively.
     std::atomic<qintptr> m_boundDescriptor{-1};
+    // Set by the destructor's teardown; only touched on the I/O thread.
+    bool m_tornDown = false;
     std::atomic<int> m_boundFamily{0};
 };
