@@ -60,7 +60,28 @@ def rows(timings, figures):
     return out
 
 
+def ratio_text(row):
+    ratio = row.get("ratio") if row else None
+    return f"{ratio:.2f}" if isinstance(ratio, (int, float)) else "-"
+
+
+def compare(qt5_directory, qt6_directory):
+    """The ratios of a Qt 5 run and a Qt 6 run side by side, by figure."""
+    qt5 = rows(*load(qt5_directory))
+    qt6 = {row.get("figure"): row for row in rows(*load(qt6_directory))}
+    print("| Figure | Ratio, Qt 5 | Ratio, Qt 6 | Target |")
+    print("|---|---|---|---|")
+    for row in qt5:
+        other = qt6.pop(row.get("figure"), None)
+        print(f"| {row.get('figure', '')} | {ratio_text(row)} | {ratio_text(other)} | {row.get('target', '')} |")
+    for figure, row in qt6.items():
+        print(f"| {figure} | - | {ratio_text(row)} | {row.get('target', '')} |")
+
+
 def main():
+    if len(sys.argv) == 4 and sys.argv[1] == "--compare":
+        compare(sys.argv[2], sys.argv[3])
+        return
     directory = sys.argv[1] if len(sys.argv) > 1 else "build/bench-results"
     timings, figures = load(directory)
     table = rows(timings, figures)

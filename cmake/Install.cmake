@@ -1,8 +1,10 @@
 # Installs both libraries, their public headers under include/comm_module, a
-# CMake package (find_package(CommModule)) and a pkg-config file (CommModule).
+# CMake package (find_package(CommModule)) and a pkg-config file (CommModule);
+# the Qt 6 build under its own names (include/comm_module_qt6, CommModuleQt6),
+# so that both can be installed into one prefix.
 include(CMakePackageConfigHelpers)
 
-set(COMM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/CommModule)
+set(COMM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/${COMM_PACKAGE_NAME})
 
 # Installed, libComm_Module finds libModule beside it, wherever the tree is
 # installed; the build tree's run paths are dropped on install.
@@ -12,22 +14,23 @@ install(TARGETS Module Comm_Module
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
-    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/comm_module
+    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${COMM_INCLUDE_SUBDIR}
 )
-install(EXPORT CommModuleTargets NAMESPACE CommModule:: DESTINATION ${COMM_CMAKE_DIR})
+install(EXPORT CommModuleTargets NAMESPACE ${COMM_PACKAGE_NAME}:: FILE ${COMM_PACKAGE_NAME}Targets.cmake
+    DESTINATION ${COMM_CMAKE_DIR})
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/CommModuleConfig.cmake.in
-    ${CMAKE_CURRENT_BINARY_DIR}/CommModuleConfig.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/${COMM_PACKAGE_NAME}Config.cmake
     INSTALL_DESTINATION ${COMM_CMAKE_DIR})
-write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/CommModuleConfigVersion.cmake
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/${COMM_PACKAGE_NAME}ConfigVersion.cmake
     COMPATIBILITY SameMajorVersion)
 install(FILES
-    ${CMAKE_CURRENT_BINARY_DIR}/CommModuleConfig.cmake
-    ${CMAKE_CURRENT_BINARY_DIR}/CommModuleConfigVersion.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/${COMM_PACKAGE_NAME}Config.cmake
+    ${CMAKE_CURRENT_BINARY_DIR}/${COMM_PACKAGE_NAME}ConfigVersion.cmake
     DESTINATION ${COMM_CMAKE_DIR})
 
 # The prefix is found from the .pc file's own place, so the tree works wherever
 # it is installed (cmake --install --prefix ...).
 file(RELATIVE_PATH COMM_PC_PREFIX_FROM_PCDIR "/p/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/p")
-configure_file(${CMAKE_CURRENT_LIST_DIR}/CommModule.pc.in ${CMAKE_CURRENT_BINARY_DIR}/CommModule.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/CommModule.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/CommModule.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${COMM_PACKAGE_NAME}.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${COMM_PACKAGE_NAME}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -6,6 +6,7 @@ set -euo pipefail
 packages=(
     cmake ninja-build g++ pkg-config
     qtbase5-dev libqt5serialport5-dev
+    qt6-base-dev qt6-serialport-dev
     libhidapi-dev
     umockdev libumockdev-dev
     libbenchmark-dev python3

@@ -2,6 +2,7 @@
 
 #include <QNetworkInterface>
 #include <QUdpSocket>
+#include <QVariant>
 
 #include "CommandFrame.h"
 #include "DatagramReplyParser.h"
@@ -93,7 +94,7 @@ void PortUDP::createSocket()
 
     auto *socket = new QUdpSocket();
     // On a socket that is not bound yet Qt keeps nothing of this option.
-    socket->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, kReceiveBufferSize);
+    socket->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, QVariant(kReceiveBufferSize));
     // Direct: readyRead() is emitted on the I/O thread, and parsing runs there.
     connect(socket, &QUdpSocket::readyRead, this, &PortUDP::readPendingDatagrams, Qt::DirectConnection);
     // Made again on every build and only removed by the destructor: after n

@@ -3,21 +3,38 @@
 # stands on its own: no installed file keeps a run path into the build tree,
 # the installed commctl runs from there without LD_LIBRARY_PATH (when the build
 # has it), and a small consumer program builds and runs against the tree, once
-# through find_package(CommModule), once through pkg-config.
-#   check-install.sh BUILD_DIR SOURCE_DIR SCRATCH_DIR [--with-commctl]
+# through find_package(PACKAGE), once through pkg-config.
+#   check-install.sh BUILD_DIR SOURCE_DIR SCRATCH_DIR [--with-commctl] [--package PACKAGE]
+# PACKAGE is CommModule (the default, the Qt 5 build) or CommModuleQt6. With
+# --installed, SCRATCH_DIR/prefix already holds the tree and is checked as it is.
 set -euo pipefail
 build_dir=$1
 source_dir=$2
 scratch=$3
-with_commctl=${4:-}
+shift 3
+with_commctl=
+package=CommModule
+installed=
+while [ $# -gt 0 ]; do
+    case "$1" in
+        --with-commctl) with_commctl=yes ;;
+        --package) package=$2; shift ;;
+        --installed) installed=yes ;;
+        *) echo "check-install.sh: unknown option $1" >&2; exit 2 ;;
+    esac
+    shift
+done
+library=Comm_Module${package#CommModule}
 
-rm -rf "$scratch"
-mkdir -p "$scratch"
 prefix="$scratch/prefix"
-cmake --install "$build_dir" --prefix "$prefix" >/dev/null
+if [ -z "$installed" ]; then
+    rm -rf "$scratch"
+    mkdir -p "$scratch"
+    cmake --install "$build_dir" --prefix "$prefix" >/dev/null
+fi
 
 echo "== run paths of the installed files"
-libdir=$(dirname "$(find "$prefix" -name 'libComm_Module.so.*' | head -n 1)")
+libdir=$(dirname "$(find "$prefix" -name "lib$library.so.*" | head -n 1)")
 libdir=${libdir#"$prefix/"}
 build_real=$(cd "$build_dir" && pwd -P)
 status=0
@@ -51,15 +68,16 @@ fi
 
 export LD_LIBRARY_PATH="$prefix/lib:$prefix/lib/$(gcc -dumpmachine):${LD_LIBRARY_PATH:-}"
 
-echo "== find_package(CommModule)"
-cmake -S "$source_dir/tests/install/consumer" -B "$scratch/cmake-build" -G Ninja \
-    -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-cmake --build "$scratch/cmake-build" >/dev/null
-"$scratch/cmake-build/consumer"
+echo "== find_package($package)"
+rm -rf "$scratch/cmake-build-$package"
+cmake -S "$source_dir/tests/install/consumer" -B "$scratch/cmake-build-$package" -G Ninja \
+    -DCMAKE_PREFIX_PATH="$prefix" -DCOMM_PACKAGE="$package" >/dev/null
+cmake --build "$scratch/cmake-build-$package" >/dev/null
+"$scratch/cmake-build-$package/consumer"
 
-echo "== pkg-config CommModule"
-pcdir=$(dirname "$(find "$prefix" -name CommModule.pc | head -n 1)")
-flags=$(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs CommModule)
+echo "== pkg-config $package"
+pcdir=$(dirname "$(find "$prefix" -name "$package.pc" | head -n 1)")
+flags=$(PKG_CONFIG_PATH="$pcdir" pkg-config --cflags --libs "$package")
 # shellcheck disable=SC2086
-g++ -std=c++17 -fPIC "$source_dir/tests/install/consumer/main.cpp" -o "$scratch/pkgconfig-consumer" $flags
-"$scratch/pkgconfig-consumer"
+g++ -std=c++17 -fPIC "$source_dir/tests/install/consumer/main.cpp" -o "$scratch/pkgconfig-consumer-$package" $flags
+"$scratch/pkgconfig-consumer-$package"

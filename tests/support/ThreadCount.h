@@ -1,6 +1,8 @@
 #pragma once
 
 #include <QDir>
+#include <QFile>
+#include <QStringList>
 #include <QString>
 
 // Threads of this process, as the kernel lists them. A transport's workers and
@@ -10,4 +12,17 @@ inline int threadCount()
 {
     return static_cast<int>(
         QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size());
+}
+
+// The names of this process's threads, for a failure message.
+inline QString threadNames()
+{
+    QStringList names;
+    const QString tasks = QStringLiteral("/proc/self/task");
+    for (const QString &task : QDir(tasks).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile comm(tasks + QLatin1Char('/') + task + QStringLiteral("/comm"));
+        if (comm.open(QIODevice::ReadOnly))
+            names << QString::fromLocal8Bit(comm.readAll().trimmed());
+    }
+    return names.join(QStringLiteral(", "));
 }

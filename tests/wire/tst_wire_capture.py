@@ -209,7 +209,8 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--commctl", required=True)
     parser.add_argument("--commctl-usb", required=True)
-    parser.add_argument("--build-dir", required=True)
+    parser.add_argument("--build-dir", help="install this build and read with the dissector it installs")
+    parser.add_argument("--lua", help="read with this dissector instead (for a build that installs none)")
     parser.add_argument("--work-dir", required=True)
     arguments = parser.parse_args()
     COMMCTL, COMMCTL_USB = arguments.commctl, arguments.commctl_usb
@@ -217,6 +218,11 @@ def main():
     WORK = arguments.work_dir
     shutil.rmtree(WORK, ignore_errors=True)
     os.makedirs(WORK)
+    if arguments.lua:
+        LUA = arguments.lua
+        tests = [(name, function) for name, function in globals().items() if name.startswith("test_")]
+        wirecap.run_tests(tests)
+        return
     # The dissector as installed with the library.
     prefix = os.path.join(WORK, "prefix")
     install = subprocess.run(["cmake", "--install", arguments.build_dir, "--prefix", prefix], capture_output=True,
