@@ -61,8 +61,12 @@ def rows(timings, figures):
 
 
 def ratio_text(row):
-    ratio = row.get("ratio") if row else None
-    return f"{ratio:.2f}" if isinstance(ratio, (int, float)) else "-"
+    """The ratio, or what was measured where a figure has none (a leak count,
+    a section that failed); "-" for a figure the run does not have."""
+    if not row:
+        return "-"
+    ratio = row.get("ratio")
+    return f"{ratio:.2f}" if isinstance(ratio, (int, float)) else (row.get("value") or "-")
 
 
 def compare(qt5_directory, qt6_directory):

@@ -1,7 +1,6 @@
 #include "DetachedWork.h"
 
-#include <system_error>
-#include <thread>
+#include <pthread.h>
 
 namespace comm {
 
@@ -32,13 +31,32 @@ bool DetachedWork::startThread(const SharedJob &job)
         std::lock_guard<std::mutex> guard(m_lock);
         ++m_running;
     }
-    try {
-        std::thread(&DetachedWork::runJob, this, job).detach();
-        return true;
-    } catch (const std::system_error &) {
-        finished();
-        return false;
+    // Born detached: there is no handle to detach after the start, by which
+    // time the thread may already have run and ended.
+    auto *start = new StartArgs{this, job};
+    pthread_attr_t attributes;
+    bool started = pthread_attr_init(&attributes) == 0;
+    if (started) {
+        pthread_t thread;
+        started = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0
+                  && pthread_create(&thread, &attributes, &DetachedWork::threadMain, start) == 0;
+        pthread_attr_destroy(&attributes);
     }
+    if (!started) {
+        delete start;
+        finished();
+    }
+    return started;
+}
+
+void *DetachedWork::threadMain(void *argument)
+{
+    std::unique_ptr<StartArgs> start(static_cast<StartArgs *>(argument));
+    DetachedWork *work = start->work;
+    SharedJob job = std::move(start->job);
+    start.reset();
+    work->runJob(std::move(job));
+    return nullptr;
 }
 
 void DetachedWork::runJob(SharedJob job)

@@ -35,7 +35,13 @@ public:
 
 private:
     using SharedJob = std::shared_ptr<std::function<void()>>;
+    struct StartArgs
+    {
+        DetachedWork *work;
+        SharedJob job;
+    };
     bool startThread(const SharedJob &job);
+    static void *threadMain(void *argument);
     void runJob(SharedJob job);
     void finished();
 
