@@ -2,17 +2,36 @@
 # CMake package (find_package(CommModule)) and a pkg-config file (CommModule);
 # the Qt 6 build under its own names (include/comm_module_qt6, CommModuleQt6),
 # so that both can be installed into one prefix.
+#
+# The companion stand-in, libModule, is installed in a folder of its own
+# (COMM_COMPANION_LIBDIR, lib/comm_module), not in the library folder: the
+# name libModule belongs to the real companion library, which can take the
+# stand-in's place there or in the system's library folder. libComm_Module
+# and commctl look in that folder first, through a run path relative to
+# themselves; programs that link libModule get the folder as a run path from
+# the CMake package and the pkg-config file.
 include(CMakePackageConfigHelpers)
 
 set(COMM_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/${COMM_PACKAGE_NAME})
 
-# Installed, libComm_Module finds libModule beside it, wherever the tree is
-# installed; the build tree's run paths are dropped on install.
-set_target_properties(Comm_Module PROPERTIES INSTALL_RPATH "$ORIGIN")
-install(TARGETS Module Comm_Module
+file(RELATIVE_PATH COMM_COMPANION_FROM_LIBDIR "/p/${CMAKE_INSTALL_LIBDIR}" "/p/${COMM_COMPANION_LIBDIR}")
+if(COMM_COMPANION_FROM_LIBDIR STREQUAL "")
+    set(COMM_LIBRARY_RPATH "$ORIGIN")
+else()
+    set(COMM_LIBRARY_RPATH "$ORIGIN/${COMM_COMPANION_FROM_LIBDIR}")
+endif()
+set_target_properties(Comm_Module PROPERTIES INSTALL_RPATH "${COMM_LIBRARY_RPATH}")
+install(TARGETS Comm_Module
     EXPORT CommModuleTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${COMM_INCLUDE_SUBDIR}
+)
+install(TARGETS Module
+    EXPORT CommModuleTargets
+    LIBRARY DESTINATION ${COMM_COMPANION_LIBDIR}
+    ARCHIVE DESTINATION ${COMM_COMPANION_LIBDIR}
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
     PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${COMM_INCLUDE_SUBDIR}
 )

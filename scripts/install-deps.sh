@@ -12,6 +12,7 @@ packages=(
     libbenchmark-dev python3
     iproute2 util-linux
     tshark
+    debhelper dpkg-dev lintian doxygen groff-base man-db
 )
 # scripts/install-deps.sh --fuzz: clang and its fuzzer runtime as well.
 if [ "${1:-}" = "--fuzz" ]; then

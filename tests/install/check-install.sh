@@ -36,6 +36,14 @@ fi
 echo "== run paths of the installed files"
 libdir=$(dirname "$(find "$prefix" -name "lib$library.so.*" | head -n 1)")
 libdir=${libdir#"$prefix/"}
+# The companion stand-in is in a folder of its own, not in the library folder.
+companion=Module${package#CommModule}
+companiondir=$(dirname "$(find "$prefix" -name "lib$companion.so.*" | head -n 1)")
+companiondir=${companiondir#"$prefix/"}
+if [ "$companiondir" != "$libdir/comm_module" ]; then
+    echo "lib$companion installed in '$companiondir', expected '$libdir/comm_module'" >&2
+    exit 1
+fi
 build_real=$(cd "$build_dir" && pwd -P)
 status=0
 while IFS= read -r file; do
@@ -49,8 +57,8 @@ while IFS= read -r file; do
 done < <(find "$prefix" -type f)
 if [ -n "$with_commctl" ]; then
     commctl_paths=$(readelf -d "$prefix/bin/commctl" | sed -n 's/.*(\(RPATH\|RUNPATH\)).*\[\(.*\)\]$/\2/p')
-    if [ "$commctl_paths" != "\$ORIGIN/../$libdir" ]; then
-        echo "bin/commctl: run path '$commctl_paths', expected '\$ORIGIN/../$libdir'" >&2
+    if [ "$commctl_paths" != "\$ORIGIN/../$companiondir" ]; then
+        echo "bin/commctl: run path '$commctl_paths', expected '\$ORIGIN/../$companiondir'" >&2
         status=1
     fi
 fi

@@ -77,7 +77,10 @@ SimulatedDevice::~SimulatedDevice()
     if (m_uhid >= 0) {
         uhid_event destroy{};
         destroy.type = UHID_DESTROY;
-        (void)::write(m_uhid, &destroy, sizeof destroy);
+        // Closing the node removes the device as well; the event only says so
+        // first, so a failed write changes nothing.
+        if (::write(m_uhid, &destroy, sizeof destroy) != ssize_t(sizeof destroy))
+            log(QStringLiteral("sim: /dev/uhid did not take the destroy event: %1").arg(qt_error_string(errno)));
         ::close(m_uhid);
     }
     if (m_master >= 0)
@@ -221,7 +224,8 @@ void SimulatedDevice::readUhid()
         input.type = UHID_INPUT2;
         input.u.input2.size = 64;
         std::memcpy(input.u.input2.data, report.constData(), 64);
-        (void)::write(m_uhid, &input, sizeof input);
+        if (::write(m_uhid, &input, sizeof input) != ssize_t(sizeof input))
+            log(QStringLiteral("sim: /dev/uhid did not take an input report: %1").arg(qt_error_string(errno)));
     });
 }
 
