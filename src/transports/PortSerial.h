@@ -62,8 +62,8 @@ public:
 
     /// Opens the serial port and starts the reassembly worker.
     ///
-    /// Closes the port first if it is open (stopping its worker and emptying
-    /// the receive buffer, unless the deal flag is false), applies the
+    /// Closes the port first if it is open (stopping its worker unless the
+    /// deal flag is false, and emptying the receive buffer), applies the
     /// settings in a fixed order (name, baud rate, data bits, parity, stop
     /// bits, flow control), opens read-write and starts the worker. When no
     /// worker thread can be started the port is closed again. The port's name,
