@@ -11,7 +11,7 @@ packages=(
     umockdev libumockdev-dev
     libbenchmark-dev python3
     iproute2 util-linux
-    tshark
+    tshark groff-base
 )
 # scripts/install-deps.sh --fuzz: clang and its fuzzer runtime as well.
 if [ "${1:-}" = "--fuzz" ]; then
