@@ -74,10 +74,24 @@ if ! (cd "$scratch" && timeout 120 /usr/bin/commctl demo >"$scratch/demo.out" 2>
 fi
 grep -i 'link' "$scratch/demo.out" | head -n 5 || true
 echo "commctl demo: exit 0"
+# The USB leg, on a HID device umockdev emulates, through the system's hidapi.
+if command -v umockdev-wrapper >/dev/null; then
+    if ! (cd "$scratch" && timeout 120 umockdev-wrapper /usr/bin/commctl demo >"$scratch/demo-usb.out" 2>&1); then
+        tail -n 20 "$scratch/demo-usb.out" >&2
+        echo "installed commctl demo under umockdev-wrapper failed" >&2
+        exit 1
+    fi
+    grep '^== USB link' "$scratch/demo-usb.out"
+fi
 
 echo "== man commctl"
 page=$(man -w commctl)
 echo "$page"
 MANWIDTH=80 man commctl 2>/dev/null | head -n 5
 [ -f /usr/share/comm_module/wireshark/libcomm.lua ]
+case " ${names[*]} " in
+    *" libcomm-module-doc "*)
+        [ -f /usr/share/doc/libcomm-module-doc/html/index.html ]
+        echo "API reference: /usr/share/doc/libcomm-module-doc/html/index.html" ;;
+esac
 echo "packages checked"
