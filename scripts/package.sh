@@ -3,10 +3,11 @@
 # runs lintian on them: any error, or any warning that is neither fixed nor
 # overridden in debian/, fails the script.
 #   scripts/package.sh [--nodoc]    (--nodoc: without the API reference)
-# Needs the packages scripts/install-deps.sh installs (debhelper, lintian,
-# doxygen and the build dependencies in debian/control).
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+# debhelper, lintian, doxygen and the build dependencies in debian/control.
+scripts/install-deps.sh
 
 profiles=""
 if [ "${1:-}" = "--nodoc" ]; then
