@@ -148,6 +148,8 @@ void TestCommctlUnits::usageErrorsNameTheOption_data()
     QTest::newRow("bad data bits") << QStringList{"listen", "--serial", "/dev/x", "--data-bits", "9"} << "--data-bits";
     QTest::newRow("bad stop bits") << QStringList{"listen", "--serial", "/dev/x", "--stop-bits", "3"} << "--stop-bits";
     QTest::newRow("bad flow") << QStringList{"listen", "--serial", "/dev/x", "--flow", "auto"} << "--flow";
+    QTest::newRow("baud on udp") << QStringList{"listen", "--udp", "127.0.0.1:1", "--baud", "9600"} << "--baud";
+    QTest::newRow("flow on usb") << QStringList{"listen", "--flow", "none", "--usb", "1:2"} << "--flow";
     QTest::newRow("bad usb") << QStringList{"listen", "--usb", "12345:1"} << "--usb";
     QTest::newRow("missing value") << QStringList{"listen", "--serial", "/dev/x", "--duration"} << "--duration";
     QTest::newRow("negative wait") << (QStringList{"send"} + udp + QStringList{"--cmd", "1", "--wait", "-1"} + params)

@@ -80,6 +80,9 @@ private:
     QString *m_error;
     bool m_sawCmd = false;
     bool m_sawParams = false;
+    // The first line setting given (--baud, ...): they only mean something
+    // on a serial link, and silently dropping one would hide a mistake.
+    QString m_serialSetting;
 };
 
 bool Parser::udpEndpoint(const QString &text, bool hostOptional)
@@ -252,6 +255,8 @@ bool Parser::run()
                                        && option != QLatin1String("--usb");
             if (serialSetting && cmd == Options::Sim)
                 return fail(QStringLiteral("option %1 is not accepted by sim").arg(option));
+            if (serialSetting && m_serialSetting.isEmpty())
+                m_serialSetting = option;
             continue;
         }
         if (option == QLatin1String("--json") && cmd != Options::Sim) {
@@ -313,6 +318,8 @@ bool Parser::run()
 
     if (cmd != Options::Demo && m_options->link.kind == LinkOptions::None)
         return fail(QStringLiteral("%1 needs a link: --udp, --serial or --usb").arg(command));
+    if (!m_serialSetting.isEmpty() && m_options->link.kind != LinkOptions::Serial)
+        return fail(QStringLiteral("option %1 applies to a serial link (--serial) only").arg(m_serialSetting));
     if (cmd == Options::Send && !m_sawCmd)
         return fail(QStringLiteral("send needs --cmd"));
     if (cmd == Options::Send && !m_sawParams)
