@@ -34,6 +34,9 @@ if [ -z "$installed" ]; then
 fi
 
 echo "== run paths of the installed files"
+run_paths() {
+    readelf -d "$1" | sed -n 's/.*(\(RPATH\|RUNPATH\)).*\[\(.*\)\]$/\2/p'
+}
 libdir=$(dirname "$(find "$prefix" -name "lib$library.so.*" | head -n 1)")
 libdir=${libdir#"$prefix/"}
 # The companion stand-in is in a folder of its own, not in the library folder.
@@ -48,15 +51,20 @@ build_real=$(cd "$build_dir" && pwd -P)
 status=0
 while IFS= read -r file; do
     readelf -h "$file" >/dev/null 2>&1 || continue # not an ELF file
-    paths=$(readelf -d "$file" | sed -n 's/.*(\(RPATH\|RUNPATH\)).*\[\(.*\)\]$/\2/p')
+    paths=$(run_paths "$file")
     case "$paths" in
         *"$build_dir"* | *"$build_real"*)
             echo "$file: run path into the build tree: $paths" >&2
             status=1 ;;
     esac
 done < <(find "$prefix" -type f)
+library_paths=$(run_paths "$(find "$prefix" -name "lib$library.so.*" -type f | head -n 1)")
+if [ "$library_paths" != "\$ORIGIN/comm_module" ]; then
+    echo "lib$library: run path '$library_paths', expected '\$ORIGIN/comm_module'" >&2
+    status=1
+fi
 if [ -n "$with_commctl" ]; then
-    commctl_paths=$(readelf -d "$prefix/bin/commctl" | sed -n 's/.*(\(RPATH\|RUNPATH\)).*\[\(.*\)\]$/\2/p')
+    commctl_paths=$(run_paths "$prefix/bin/commctl")
     if [ "$commctl_paths" != "\$ORIGIN/../$companiondir" ]; then
         echo "bin/commctl: run path '$commctl_paths', expected '\$ORIGIN/../$companiondir'" >&2
         status=1
