@@ -12,7 +12,8 @@ packages=(
     libbenchmark-dev python3
     iproute2 util-linux
     tshark
-    debhelper dpkg-dev lintian doxygen groff-base man-db
+    # dpkg-buildpackage checks for build-essential besides debian/control's list.
+    build-essential debhelper dpkg-dev lintian doxygen groff-base man-db
 )
 # scripts/install-deps.sh --fuzz: clang and its fuzzer runtime as well.
 if [ "${1:-}" = "--fuzz" ]; then
