@@ -1,6 +1,6 @@
 #include "DetachedWork.h"
 
-#include <pthread.h>
+#include "DetachedThread.h"
 
 namespace comm {
 
@@ -9,54 +9,36 @@ DetachedWork::~DetachedWork()
     waitUntilIdle();
 }
 
-void DetachedWork::start(std::function<void()> job)
+void DetachedWork::start(const char *name, std::function<void()> job)
 {
     // Shared so that the job survives a failed thread start and can then run here.
     auto work = std::make_shared<std::function<void()>>(std::move(job));
-    if (!startThread(work)) {
+    if (!startThread(name, work)) {
         // No thread could be started (resource exhaustion): run the job on
         // the calling thread rather than lose it.
         (*work)();
     }
 }
 
-bool DetachedWork::tryStart(std::function<void()> job)
+bool DetachedWork::tryStart(const char *name, std::function<void()> job)
 {
-    return startThread(std::make_shared<std::function<void()>>(std::move(job)));
+    return startThread(name, std::make_shared<std::function<void()>>(std::move(job)));
 }
 
-bool DetachedWork::startThread(const SharedJob &job)
+bool DetachedWork::startThread(const char *name, const SharedJob &job)
 {
     {
         std::lock_guard<std::mutex> guard(m_lock);
         ++m_running;
     }
-    // Born detached: there is no handle to detach after the start, by which
-    // time the thread may already have run and ended.
-    auto *start = new StartArgs{this, job};
-    pthread_attr_t attributes;
-    bool started = pthread_attr_init(&attributes) == 0;
-    if (started) {
-        pthread_t thread;
-        started = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED) == 0
-                  && pthread_create(&thread, &attributes, &DetachedWork::threadMain, start) == 0;
-        pthread_attr_destroy(&attributes);
-    }
-    if (!started) {
-        delete start;
+    const bool started = startDetachedThread(name, [this, job]() mutable {
+        // Taken out of the thread's body, so that runJob can let it go.
+        SharedJob mine = std::move(job);
+        runJob(std::move(mine));
+    });
+    if (!started)
         finished();
-    }
     return started;
-}
-
-void *DetachedWork::threadMain(void *argument)
-{
-    std::unique_ptr<StartArgs> start(static_cast<StartArgs *>(argument));
-    DetachedWork *work = start->work;
-    SharedJob job = std::move(start->job);
-    start.reset();
-    work->runJob(std::move(job));
-    return nullptr;
 }
 
 void DetachedWork::runJob(SharedJob job)

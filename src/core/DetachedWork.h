@@ -18,14 +18,16 @@ public:
     DetachedWork(const DetachedWork &) = delete;
     DetachedWork &operator=(const DetachedWork &) = delete;
 
-    // Starts job on a new detached thread. When no thread can be started, the
-    // job runs on the calling thread instead, so its work is never lost.
-    void start(std::function<void()> job);
+    // Starts job on a new detached thread named name (see
+    // startDetachedThread). When no thread can be started, the job runs on the
+    // calling thread instead, so its work is never lost.
+    void start(const char *name, std::function<void()> job);
 
-    // Starts job on a new detached thread, counted like start()'s jobs. When
-    // no thread can be started, returns false and the job does not run: for
-    // jobs that must not take over the calling thread (long-running workers).
-    bool tryStart(std::function<void()> job);
+    // Starts job on a new detached thread named name, counted like start()'s
+    // jobs. When no thread can be started, returns false and the job does not
+    // run: for jobs that must not take over the calling thread (long-running
+    // workers).
+    bool tryStart(const char *name, std::function<void()> job);
 
     // Returns once no job started here is running any more.
     void waitUntilIdle();
@@ -35,13 +37,7 @@ public:
 
 private:
     using SharedJob = std::shared_ptr<std::function<void()>>;
-    struct StartArgs
-    {
-        DetachedWork *work;
-        SharedJob job;
-    };
-    bool startThread(const SharedJob &job);
-    static void *threadMain(void *argument);
+    bool startThread(const char *name, const SharedJob &job);
     void runJob(SharedJob job);
     void finished();
 

@@ -39,7 +39,7 @@ void ReceiveQueueSink::deliverNow(const ProtocolData &record)
 
 void ReceiveQueueSink::deliverDetached(const ProtocolData &record)
 {
-    m_work.start([this, record] { deliverNow(record); });
+    m_work.start("comm-reply", [this, record] { deliverNow(record); });
 }
 
 void ReceiveQueueSink::deliverCombinedDetached(const QByteArray &blockData, const QByteArray &heldReply,
@@ -51,7 +51,7 @@ void ReceiveQueueSink::deliverCombinedDetached(const QByteArray &blockData, cons
     // of ThreadSanitizer, after the worker had let them go.
     const QByteArray block(blockData.constData(), blockData.size());
     const QByteArray held(heldReply.constData(), heldReply.size());
-    m_work.start([this, block, held, combine] { deliverOrWake(combine(block, held)); });
+    m_work.start("comm-combine", [this, block, held, combine] { deliverOrWake(combine(block, held)); });
 }
 
 void ReceiveQueueSink::deliverOrWake(const std::optional<ProtocolData> &record)
@@ -64,7 +64,7 @@ void ReceiveQueueSink::deliverOrWake(const std::optional<ProtocolData> &record)
 
 void ReceiveQueueSink::clearQueueDetached(CmdDealModule &module)
 {
-    m_work.start([&module] { module.clearQueue(); });
+    m_work.start("comm-clearqueue", [&module] { module.clearQueue(); });
 }
 
 void ReceiveQueueSink::waitForDetachedWork()

@@ -5,12 +5,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <system_error>
 #include <thread>
 #include <vector>
 
-#include <pthread.h>
-
+#include "DetachedThread.h"
 #include "HidDevice.h"
 #include "PortUSB.h"
 
@@ -110,14 +108,8 @@ void start(void (*body)())
     static std::atomic<bool> started{false};
     if (started.exchange(true))
         return;
-    try {
-        std::thread watcher(body);
-        // Named so that it can be told apart in a debugger or /proc.
-        pthread_setname_np(watcher.native_handle(), "PortUSB-hotplug");
-        watcher.detach();
-    } catch (const std::system_error &) {
+    if (!startDetachedThread("PortUSB-hotplug", body))
         started = false;
-    }
 }
 
 void run()

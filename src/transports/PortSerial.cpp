@@ -110,7 +110,7 @@ bool PortSerial::openOnIoThread(const QString &name, QSerialPort::BaudRate baud,
         comm::MutexGuard guard(m_dealLock);
         m_threadRun = true;
     }
-    if (!m_link->workers.tryStart([this] { ThreadDealDataFunc(); })) {
+    if (!m_link->workers.tryStart("PortSerial-deal", [this] { ThreadDealDataFunc(); })) {
         // No thread to reassemble replies: a port without one is no use.
         {
             comm::MutexGuard guard(m_dealLock);

@@ -73,12 +73,12 @@ bool PortUSB::openUSB(unsigned short vid, unsigned short pid)
         return false;
 
     m_dealRunning = true;
-    if (!m_link->workers.tryStart([this] { ThreadDealDataFunc(); })) {
+    if (!m_link->workers.tryStart("PortUSB-deal", [this] { ThreadDealDataFunc(); })) {
         closeDevice(false);
         return false;
     }
     m_readRunning = true;
-    if (!m_link->workers.tryStart([this] { ThreadReadPendingDatagrams(); })) {
+    if (!m_link->workers.tryStart("PortUSB-read", [this] { ThreadReadPendingDatagrams(); })) {
         // Without a reader no reply would ever arrive.
         closeDevice(false);
         return false;

@@ -18,12 +18,12 @@ bool waitUntil(Condition condition)
     return ::waitUntil(condition, kWaitMs);
 }
 
-// Returns once the program has enumerated devices n more times: with no
-// openUSB running, those are the hot-plug watcher's polls.
+// Returns once the program has looked through the HID devices n more times:
+// with no openUSB running, those are the hot-plug watcher's polls.
 inline bool watcherPolls(emulatedhid::Testbed &bed, int n)
 {
-    const int before = bed.enumerations();
-    return waitUntil([&bed, before, n] { return bed.enumerations() >= before + n; });
+    const int before = bed.looks();
+    return waitUntil([&bed, before, n] { return bed.looks() >= before + n; });
 }
 
 // Plugs in a device, failing the test when umockdev refuses.

@@ -13,6 +13,8 @@
 
 #include <hidapi.h>
 
+#include "HidrawScan.h"
+
 // hidapi leaves its handle type opaque; the simulation's handle.
 struct hid_device_
 {
@@ -84,6 +86,15 @@ struct State
         return device && device->open && std::find(handles.begin(), handles.end(), device) != handles.end();
     }
 };
+
+// The library reads the kernel's list of HID devices rather than enumerate
+// through hidapi where that list has entries: a program that stands in for
+// hidapi has it look at a list that does not exist, so that every look goes to
+// the simulation, whatever devices the machine has.
+const struct AskTheSimulation
+{
+    AskTheSimulation() { comm::setHidrawClassFolder("/nonexistent/simulated-hidapi/hidraw"); }
+} askTheSimulation;
 
 // Never destroyed: detached threads (the hot-plug watcher) call in until the
 // process ends.

@@ -12,6 +12,7 @@
 #include <link.h>
 #include <poll.h>
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <umockdev.h>
@@ -77,7 +78,37 @@ struct Testbed::Private
     QString ioctlPath;
     int nextNumber = 0;
     int inotify = -1;
-    int enumerations = 0;
+    int looks = 0;
+    // /dev/null, opened once: umockdev's preload notes every descriptor opened
+    // under /dev in a table of fixed size, so one open per unplug would fill it.
+    int null = -1;
+
+    // Reads the opens of the hidraw class folder noted since the last call,
+    // waiting up to timeoutMs for the first one; how many there were.
+    int readLooks(int timeoutMs)
+    {
+        if (inotify < 0)
+            return 0;
+        if (timeoutMs > 0) {
+            pollfd readable{inotify, POLLIN, 0};
+            if (::poll(&readable, 1, timeoutMs) <= 0)
+                return 0;
+        }
+        int seen = 0;
+        alignas(inotify_event) char buffer[4096];
+        for (int reads = 0; reads < 1000; ++reads) {
+            const ssize_t n = ::read(inotify, buffer, sizeof buffer);
+            if (n <= 0)
+                break;
+            for (ssize_t at = 0; at < n;) {
+                const auto *event = reinterpret_cast<const inotify_event *>(buffer + at);
+                if ((event->mask & IN_ISDIR) && event->len > 0 && qstrcmp(event->name, "hidraw") == 0)
+                    ++seen;
+                at += ssize_t(sizeof(inotify_event) + event->len);
+            }
+        }
+        return seen;
+    }
 };
 
 Testbed::Testbed()
@@ -92,11 +123,23 @@ Testbed::Testbed()
     QFile ioctl(d->ioctlPath);
     if (ioctl.open(QIODevice::WriteOnly))
         ioctl.write(ioctlAnswers());
-    // Every scan opens sysfs's class directory: counting those opens counts
-    // enumerations without touching the program's calls.
+    // Every look through the hidraw devices opens sysfs's hidraw class folder:
+    // counting those opens counts looks without touching the program's calls.
+    // The folder is there from the start, empty until a device is plugged in,
+    // as on a machine whose kernel has hidraw but no HID device attached.
+    const QString classFolder = d->root + QStringLiteral("/sys/class");
+    QDir().mkpath(classFolder + QStringLiteral("/hidraw"));
+    d->null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    // Each unplugged device leaves the testbed a descriptor (see unplug):
+    // thousands of unplugs need more than the usual 1,024.
+    rlimit files{};
+    if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+        files.rlim_cur = files.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &files);
+    }
     d->inotify = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (d->inotify >= 0)
-        ::inotify_add_watch(d->inotify, QFile::encodeName(d->root + QStringLiteral("/sys")).constData(), IN_OPEN);
+        ::inotify_add_watch(d->inotify, QFile::encodeName(classFolder).constData(), IN_OPEN);
 }
 
 Testbed::~Testbed()
@@ -104,6 +147,8 @@ Testbed::~Testbed()
     if (d->inotify >= 0)
         ::close(d->inotify);
     g_object_unref(d->bed);
+    if (d->null >= 0)
+        ::close(d->null);
 }
 
 QString Testbed::unavailableReason()
@@ -154,14 +199,17 @@ void Testbed::unplug(Device *device)
         return;
     // The node hangs up once the device's side is closed. The testbed closes
     // that descriptor itself when it goes, so it is pointed at /dev/null here
-    // rather than closed.
+    // rather than closed; it stays open, one descriptor per unplugged device,
+    // until the testbed goes.
     const QString nodeFile = d->root + device->node;
     const QString terminal = QFile::symLinkTarget(nodeFile);
-    const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-    ::dup2(null, device->master);
-    ::close(null);
+    ::dup2(d->null, device->master);
     device->master = -1;
+    // The device's folders and files go one by one, over about two
+    // milliseconds: a program that looks meanwhile finds some and not others.
     umockdev_testbed_remove_device(d->bed, device->sysfsPath.toUtf8().constData());
+    // umockdev leaves the class entry behind, dangling; the kernel takes it away.
+    QFile::remove(d->root + QStringLiteral("/sys/class/hidraw/") + device->node.mid(5));
     QFile::remove(nodeFile);
     // umockdev 0.17 keeps what it noted about the node's pseudo-terminal, and
     // refuses a new device on a terminal it has a note for; the kernel gives
@@ -170,21 +218,27 @@ void Testbed::unplug(Device *device)
         QFile::remove(d->root + QStringLiteral("/dev/.ptymap/_dev_pts_") + terminal.mid(9));
 }
 
-int Testbed::enumerations()
+int Testbed::looks()
 {
-    alignas(inotify_event) char buffer[4096];
-    for (int reads = 0; reads < 1000 && d->inotify >= 0; ++reads) {
-        const ssize_t n = ::read(d->inotify, buffer, sizeof buffer);
-        if (n <= 0)
-            break;
-        for (ssize_t at = 0; at < n;) {
-            const auto *event = reinterpret_cast<const inotify_event *>(buffer + at);
-            if ((event->mask & IN_ISDIR) && event->len > 0 && qstrcmp(event->name, "class") == 0)
-                ++d->enumerations;
-            at += ssize_t(sizeof(inotify_event) + event->len);
-        }
+    d->looks += d->readLooks(0);
+    return d->looks;
+}
+
+bool Testbed::waitForLook(int timeoutMs)
+{
+    looks(); // those already begun do not count
+    QElapsedTimer timer;
+    timer.start();
+    for (int turns = 0; turns < 100000; ++turns) {
+        const int left = timeoutMs - int(timer.elapsed());
+        if (left <= 0)
+            return false;
+        const int seen = d->readLooks(left);
+        d->looks += seen;
+        if (seen > 0)
+            return true;
     }
-    return d->enumerations;
+    return false;
 }
 
 QByteArray readOutputReport(int master, int timeoutMs)

@@ -45,13 +45,19 @@ public:
     // before in this testbed. False, with the reason in error, when it fails.
     bool plug(quint16 vid, quint16 pid, Device *device, QString *error);
     // Pulls it out: its node hangs up (calls on it in progress and later ones
-    // fail) and enumeration no longer lists it.
+    // fail), and it leaves sysfs, its entry in the hidraw class included, as
+    // the kernel removes a device: enumeration no longer lists it.
     void unplug(Device *device);
 
-    // How many device enumerations (libudev's scans of the emulated sysfs) the
-    // program has made since the testbed was made; each hid_enumerate and
-    // hid_open makes one. Counted on the calling thread.
-    int enumerations();
+    // How many times the program has looked through the hidraw devices in the
+    // emulated sysfs since the testbed was made: each hid_enumerate and
+    // hid_open (libudev's scan) is one, and so is each of the library's own
+    // looks at the kernel's hidraw list. Counted on the calling thread.
+    int looks();
+    // Waits up to timeoutMs for the program to begin its next look, and
+    // returns as soon as it has (true) or the time is up (false): an unplug
+    // made then lands inside that look.
+    bool waitForLook(int timeoutMs);
 
 private:
     struct Private;
