@@ -224,9 +224,24 @@ void StreamReassembler::stamp(ProtocolData &record, bool setSourceText) const
 
 void StreamReassembler::append(const QByteArray &data)
 {
-    std::lock_guard<std::mutex> guard(m_bufferLock);
-    // A deep copy: the buffer never shares its bytes with another thread's array.
-    m_buffer.append(data.constData(), data.size());
+    int dropped = 0;
+    bool episodeBegins = false;
+    {
+        std::lock_guard<std::mutex> guard(m_bufferLock);
+        // Only the newest kBufferCap bytes of data can stay.
+        const int skipped = qMax(0, data.size() - kBufferCap);
+        const int kept = data.size() - skipped;
+        dropped = qMax(0, m_buffer.size() + kept - kBufferCap);
+        m_buffer.remove(0, dropped);
+        // A deep copy: the buffer never shares its bytes with another thread's array.
+        m_buffer.append(data.constData() + skipped, kept);
+        dropped += skipped;
+        if (dropped > 0 && !m_overflowing)
+            episodeBegins = m_overflowing = true;
+    }
+    // Logged outside the lock: the receive path must not wait on the log.
+    if (episodeBegins)
+        debugLine(QStringLiteral("Receive buffer full (%1 bytes): dropping the oldest bytes").arg(kBufferCap));
 }
 
 QByteArray StreamReassembler::peek(unsigned short n) const
@@ -241,6 +256,8 @@ QByteArray StreamReassembler::take(unsigned short n)
     const int count = qMin<int>(n, m_buffer.size());
     QByteArray front(m_buffer.constData(), count);
     m_buffer.remove(0, count);
+    if (m_buffer.size() <= kBufferCapRelief)
+        m_overflowing = false;
     return front;
 }
 
@@ -248,6 +265,7 @@ void StreamReassembler::clear()
 {
     std::lock_guard<std::mutex> guard(m_bufferLock);
     m_buffer.clear();
+    m_overflowing = false;
 }
 
 QByteArray StreamReassembler::contents() const

@@ -65,6 +65,17 @@ public:
     // Number of bytes a turn looks at, at most.
     static constexpr unsigned short kSnapshotSize = 1024;
 
+    // The most the receive buffer holds: four times the longest reply, a
+    // 19-byte frame and its block of up to 65,535 bytes. A well-behaved line
+    // never comes near it, as each reply is taken as soon as it is whole. A
+    // line that keeps sending what is never a reply (noise, a wrong baud
+    // rate, "[" bytes taken one per turn) would otherwise grow it for as long
+    // as it talks: past the cap, the oldest bytes are dropped, one log line
+    // says so for each such episode, and reassembly goes on with the rest.
+    static constexpr int kBufferCap = 262144;
+    // An episode ends once the buffer is down to half the cap, or cleared.
+    static constexpr int kBufferCapRelief = kBufferCap / 2;
+
     // sink must outlive this object. An empty sleep function means real
     // sleeping.
     StreamReassembler(StreamReassemblyConfig config, ReplySink &sink, SleepFunction sleep = {});
@@ -101,6 +112,7 @@ public:
     bool decodeFrame(const QByteArray &frame, ProtocolData *out) const;
 
     // Receive buffer operations, each one critical section under the lock.
+    // append drops the oldest bytes beyond kBufferCap.
     void append(const QByteArray &data);
     // The first n bytes (fewer when the buffer is shorter), left in place.
     QByteArray peek(unsigned short n) const;
@@ -119,6 +131,9 @@ private:
     const SleepFunction m_sleep;
 
     QByteArray m_buffer;
+    // Whether bytes have been dropped at the cap since the buffer was last
+    // down to kBufferCapRelief. Guarded by the buffer lock.
+    bool m_overflowing = false;
     mutable std::mutex m_bufferLock;
 
     mutable std::mutex m_sourceLock;

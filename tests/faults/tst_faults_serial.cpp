@@ -19,6 +19,8 @@
 #include <thread>
 #include <vector>
 
+#include <unistd.h>
+
 #include "GeneratedReplies.h"
 #include "LogCapture.h"
 #include "PortSerial.h"
@@ -57,6 +59,25 @@ const QByteArray kReply1 = QByteArrayLiteral("[R300000015A00008B]");
 const QByteArray kReply7FFF = QByteArrayLiteral("[R307F00FF5A000008]");
 // Reply 2 announcing a block of 100 bytes: 31 00 79 02 02 64 00, check byte 12.
 const QByteArray kReply2WithBlockOf100 = QByteArrayLiteral("[R3100790202640012]");
+
+// Resident memory of this process, in KiB; -1 where it cannot be read.
+long residentKiB()
+{
+    QFile statm(QStringLiteral("/proc/self/statm"));
+    if (!statm.open(QIODevice::ReadOnly))
+        return -1;
+    const QList<QByteArray> fields = statm.readAll().split(' ');
+    return fields.size() > 1 ? fields.at(1).toLong() * (::sysconf(_SC_PAGESIZE) / 1024) : -1;
+}
+
+// Whether a sanitizer keeps freed memory for a while (ASan's quarantine) or
+// shadows it: resident memory then says little about what the code holds.
+constexpr bool kSanitized =
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    true;
+#else
+    false;
+#endif
 
 int numberOf(const ProtocolData &record)
 {
@@ -140,6 +161,7 @@ private slots:
     void hangUpInTheMiddleOfABlockLosesOnlyThatReply();
     void bytesArrivingWhileThePortIsReopenedMakeNoFalseOrRepeatedRecord();
     void floodOfGarbageDeliversEveryValidFrameOnce();
+    void floodOfTenMegabytesOfBracketsKeepsTheBufferBounded();
 
 private:
     int m_threadsBefore = 0;
@@ -396,6 +418,62 @@ void TestSerialFaults::floodOfGarbageDeliversEveryValidFrameOnce()
     QCOMPARE(linesStartingWith(log, QStringLiteral("PortSerial::getArrayData")), 0);
     QCOMPARE(linesStartingWith(log, QStringLiteral("Recv data:")), kReplies);
 
+    checkCarriesNextCommand(*port, pty);
+}
+
+// A line that sends "[" bytes and nothing else (noise, a wrong baud rate):
+// each turn takes one of them, so they pile up. The receive buffer stops at
+// its cap, dropping the oldest, and says so once.
+void TestSerialFaults::floodOfTenMegabytesOfBracketsKeepsTheBufferBounded()
+{
+    constexpr int kFloodBytes = 10 * 1024 * 1024;
+    constexpr int kWriteBytes = 64 * 1024;
+    constexpr int kCap = 262144;
+    LogCapture log;
+    PseudoTerminal pty;
+    REQUIRE_PTY(pty);
+    auto port = std::make_unique<PortSerial>();
+    QVERIFY(openOn(*port, pty));
+    const long residentBefore = residentKiB();
+
+    int largest = 0;
+    {
+        std::atomic<bool> writesFailed{false};
+        DeviceThread device([&] {
+            const QByteArray brackets(kWriteBytes, '[');
+            for (int sent = 0; sent < kFloodBytes; sent += kWriteBytes) {
+                if (!pty.deviceSends(brackets)) {
+                    writesFailed = true;
+                    return;
+                }
+            }
+        });
+        QElapsedTimer timer;
+        timer.start();
+        for (int looks = 0; looks < 100000 && !device.done() && timer.elapsed() < kWaitMs; ++looks) {
+            largest = std::max(largest, int(port->buffData().size()));
+            QTest::qWait(5);
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(device.done(), kWaitMs);
+        QVERIFY(!writesFailed);
+    }
+    QVERIFY2(largest <= kCap, qPrintable(QStringLiteral("the buffer held %1 bytes").arg(largest)));
+    // The last of the flood reaches the buffer, which stays at its cap.
+    QTRY_VERIFY_WITH_TIMEOUT(linesStartingWith(log, QStringLiteral("Receive buffer full")) == 1, kWaitMs);
+    largest = std::max(largest, int(port->buffData().size()));
+    QVERIFY2(largest <= kCap, qPrintable(QStringLiteral("the buffer held %1 bytes").arg(largest)));
+    QVERIFY2(largest >= kCap - kWriteBytes, qPrintable(QString::number(largest)));
+    QCOMPARE(log.lines().filter(QStringLiteral("Receive buffer")),
+             QStringList{QStringLiteral("Receive buffer full (262144 bytes): dropping the oldest bytes")});
+    const long grown = residentKiB() - residentBefore;
+    if (!kSanitized)
+        QVERIFY2(grown < 8 * 1024, qPrintable(QStringLiteral("resident memory grew by %1 KiB").arg(grown)));
+
+    // Reopened, the port starts with an empty buffer and carries the next
+    // command and its reply.
+    port->closeSerialPort();
+    QVERIFY(openOn(*port, pty));
+    QCOMPARE(port->buffData(), QByteArray());
     checkCarriesNextCommand(*port, pty);
 }
 

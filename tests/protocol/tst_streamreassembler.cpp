@@ -105,6 +105,13 @@ private slots:
     void takeZeroChangesNothing();
     void clearEmptiesBuffer();
     void concurrentAppendAndTakeKeepEveryByteInOrder();
+    void bufferAtItsCapDropsTheOldestBytes();
+    void appendLongerThanTheCapKeepsItsNewestBytes();
+    void overflowIsLoggedOncePerEpisode();
+    void overflowEpisodeEndsAtHalfTheCap();
+    void clearEndsTheOverflowEpisode();
+    void frameLeftAfterAnOverflowIsReassembled();
+    void longestReplyWithItsBlockStaysUnderTheCap();
 
     // Serial turns.
     void turnStartsWithThreeMillisecondSleep();
@@ -232,6 +239,116 @@ void TestStreamReassembler::concurrentAppendAndTakeKeepEveryByteInOrder()
     producer.join();
     QCOMPARE(received.size(), kTotal);
     QVERIFY(received == sent);
+}
+
+namespace {
+constexpr int kCap = comm::StreamReassembler::kBufferCap;
+const QString kOverflowLine = QStringLiteral("Receive buffer full (262144 bytes): dropping the oldest bytes");
+
+// Takes count bytes from the front, in takes of at most 65,535.
+void takeFront(comm::StreamReassembler &reassembler, int count)
+{
+    for (int left = count; left > 0; left -= 0xFFFF)
+        reassembler.take(static_cast<unsigned short>(qMin(left, 0xFFFF)));
+}
+} // namespace
+
+void TestStreamReassembler::bufferAtItsCapDropsTheOldestBytes()
+{
+    QCOMPARE(kCap, 262144);
+    Rig rig(StreamReassemblyConfig::serial());
+    rig.reassembler.append("abc" + QByteArray(kCap - 3, '['));
+    rig.reassembler.append("xy");
+    const QByteArray contents = rig.reassembler.contents();
+    QCOMPARE(contents.size(), kCap);
+    QCOMPARE(contents.left(2), QByteArray("c["));
+    QCOMPARE(contents.right(3), QByteArray("[xy"));
+}
+
+void TestStreamReassembler::appendLongerThanTheCapKeepsItsNewestBytes()
+{
+    Rig rig(StreamReassemblyConfig::usb());
+    rig.reassembler.append("old");
+    rig.reassembler.append("ab" + QByteArray(kCap - 2, '[') + "z");
+    const QByteArray contents = rig.reassembler.contents();
+    QCOMPARE(contents.size(), kCap);
+    QCOMPARE(contents.left(2), QByteArray("b["));
+    QCOMPARE(contents.right(2), QByteArray("[z"));
+}
+
+void TestStreamReassembler::overflowIsLoggedOncePerEpisode()
+{
+    LogCapture log;
+    Rig rig(StreamReassemblyConfig::serial());
+    rig.reassembler.append(QByteArray(kCap, '['));
+    QCOMPARE(log.lines(), QStringList());
+    for (int i = 0; i < 100; ++i)
+        rig.reassembler.append(QByteArray(1000, '['));
+    QCOMPARE(log.lines(), QStringList{kOverflowLine});
+    QCOMPARE(rig.reassembler.contents().size(), kCap);
+}
+
+void TestStreamReassembler::overflowEpisodeEndsAtHalfTheCap()
+{
+    LogCapture log;
+    Rig rig(StreamReassemblyConfig::serial());
+    rig.reassembler.append(QByteArray(kCap + 1, '['));
+    // Still above half the cap: the same episode.
+    takeFront(rig.reassembler, kCap / 2 - 1);
+    rig.reassembler.append(QByteArray(kCap / 2, '['));
+    QCOMPARE(log.lines(), QStringList{kOverflowLine});
+    // Down to half: the next overflow is a new episode.
+    takeFront(rig.reassembler, kCap / 2);
+    QCOMPARE(rig.reassembler.contents().size(), kCap / 2);
+    rig.reassembler.append(QByteArray(kCap / 2 + 1, '['));
+    QCOMPARE(log.lines(), (QStringList{kOverflowLine, kOverflowLine}));
+}
+
+void TestStreamReassembler::clearEndsTheOverflowEpisode()
+{
+    LogCapture log;
+    Rig rig(StreamReassemblyConfig::usb());
+    rig.reassembler.append(QByteArray(kCap + 1, 'x'));
+    rig.reassembler.clear();
+    rig.reassembler.append(QByteArray(kCap + 1, 'x'));
+    QCOMPARE(log.lines(), (QStringList{kOverflowLine, kOverflowLine}));
+}
+
+void TestStreamReassembler::frameLeftAfterAnOverflowIsReassembled()
+{
+    LogCapture log;
+    Rig rig(StreamReassemblyConfig::serial());
+    rig.reassembler.append(QByteArray(kCap, '['));
+    rig.reassembler.append(kReply5A);
+    // The garbage in front is worked off (here at once), and the frame
+    // behind it is a reply.
+    takeFront(rig.reassembler, kCap - kReply5A.size());
+    QCOMPARE(rig.reassembler.contents(), kReply5A);
+    rig.turn();
+    QCOMPARE(testqueue::length(), size_t(1));
+    QCOMPARE(testqueue::records().front().commandByte, quint8(0x5A));
+    QCOMPARE(log.lines(), (QStringList{kOverflowLine, recvLine(kReply5A)}));
+}
+
+void TestStreamReassembler::longestReplyWithItsBlockStaysUnderTheCap()
+{
+    LogCapture log;
+    Rig rig(StreamReassemblyConfig::serial());
+    // 31 00 79 00 00 FF FF: a block of 65,535 bytes, check byte A8.
+    const QByteArray announces = QByteArrayLiteral("[R3100790000FFFFA8]");
+    QByteArray block(65534, '\x01');
+    block += char(65534 & 0xFF); // the 8-bit sum of 65,534 ones
+    // Three of them waiting at once, and a frame behind.
+    for (int i = 0; i < 3; ++i)
+        rig.reassembler.append(announces + block);
+    rig.reassembler.append(kReply5A);
+    for (int i = 0; i < 4; ++i)
+        rig.turn();
+    QCOMPARE(testqueue::length(), size_t(4));
+    QCOMPARE(testqueue::records().front().payload, block);
+    QCOMPARE(testqueue::records().back().commandByte, quint8(0x5A));
+    QCOMPARE(log.lines(), (QStringList{recvLine(announces), recvLine(announces), recvLine(announces),
+                                       recvLine(kReply5A)}));
 }
 
 void TestStreamReassembler::turnStartsWithThreeMillisecondSleep()

@@ -71,6 +71,7 @@ private slots:
 
     void deviceVanishingDuringLongWriteEndsTheWriteAndClosesTheLink();
     void deviceVanishingDuringReadDropsOnlyTheUnfinishedFrame();
+    void readAndWriteFailingTogetherRepeatedlyLeaveTheLinkUsable();
 
 private:
     // Pulls the device out; the watcher closes the link and reports it.
@@ -79,6 +80,9 @@ private:
     bool plugBackAndReopen();
     // The link carries the next command and the device's reply.
     void checkCarriesNextCommand();
+    // Waits until the node's buffer has stopped filling: a long write then
+    // waits for room. False when it keeps changing.
+    bool waitForWriteToStall();
 
     std::unique_ptr<emulatedhid::Testbed> m_bed;
     emulatedhid::Device m_device;
@@ -151,6 +155,17 @@ void TestRealHidFaults::checkCarriesNextCommand()
     QCOMPARE(queuedNumbers().back(), 0x7FFF);
 }
 
+bool TestRealHidFaults::waitForWriteToStall()
+{
+    int unread = -1;
+    return waitUntil([this, &unread] {
+        const int now = unreadOutput(m_device.master);
+        const bool still = now > 0 && now == unread;
+        unread = now;
+        return still;
+    });
+}
+
 void TestRealHidFaults::deviceVanishingDuringLongWriteEndsTheWriteAndClosesTheLink()
 {
     LogCapture log;
@@ -169,13 +184,7 @@ void TestRealHidFaults::deviceVanishingDuringLongWriteEndsTheWriteAndClosesTheLi
     for (int i = 0; i < 5; ++i)
         delivered.push_back(emulatedhid::readOutputReport(m_device.master, kWaitMs));
     // Once the node's buffer stops filling, the write waits for room.
-    int unread = -1;
-    const bool full = waitUntil([this, &unread] {
-        const int now = unreadOutput(m_device.master);
-        const bool still = now > 0 && now == unread;
-        unread = now;
-        return still;
-    });
+    const bool full = waitForWriteToStall();
     const bool waiting = !sent;
     QVERIFY(pullOut());
     const bool ended = waitUntil([&sent] { return sent.load(); });
@@ -221,6 +230,33 @@ void TestRealHidFaults::deviceVanishingDuringReadDropsOnlyTheUnfinishedFrame()
     QTRY_VERIFY_WITH_TIMEOUT(m_port->buffData().size() < 19, kWaitMs);
     QCOMPARE(queuedNumbers(), (std::vector<int>{1, 3}));
     checkCarriesNextCommand();
+}
+
+// A removed node fails the write waiting for room and the reader's read in
+// the same instant. hidapi before 0.15 keeps one error string per handle and
+// replaces it on each failure without a lock: two failures on one handle at
+// once lose a string or free one twice, which the AddressSanitizer build
+// reports. Reads and writes must never meet on one handle's string.
+void TestRealHidFaults::readAndWriteFailingTogetherRepeatedlyLeaveTheLinkUsable()
+{
+    constexpr int kRounds = 20;
+    const ProtocolData record = commandOfFrameSize(2000 * kReportPayload);
+    for (int round = 0; round < kRounds; ++round) {
+        std::atomic<bool> sent{false};
+        std::thread sender([this, &record, &sent] {
+            ProtocolData copy = record;
+            m_port->sendDatatoDevice(&copy);
+            sent = true;
+        });
+        const bool full = waitForWriteToStall();
+        const bool pulled = pullOut();
+        const bool ended = waitUntil([&sent] { return sent.load(); });
+        sender.join();
+        QVERIFY2(full && pulled && ended, qPrintable(QStringLiteral("round %1").arg(round)));
+        QVERIFY(plugBackAndReopen());
+    }
+    checkCarriesNextCommand();
+    QCOMPARE(queuedNumbers(), std::vector<int>{0x7FFF});
 }
 
 QTEST_GUILESS_MAIN(TestRealHidFaults)
