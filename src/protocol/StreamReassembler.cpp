@@ -217,8 +217,14 @@ bool StreamReassembler::decodeFrame(const QByteArray &frame, ProtocolData *out) 
 void StreamReassembler::stamp(ProtocolData &record, bool setSourceText) const
 {
     record.linkByte = m_config.linkByte;
-    if (setSourceText)
-        record.sourceText = sourceText();
+    if (setSourceText) {
+        // Text of the record's own, shared with nothing the transport keeps:
+        // otherwise a reopen that sets a new source text could let the last
+        // reference go inside Qt, out of ThreadSanitizer's sight, after the
+        // application has dropped the record on another thread.
+        const QString text = sourceText();
+        record.sourceText = QString(text.constData(), text.size());
+    }
     record.deviceType = deviceType();
 }
 
