@@ -34,12 +34,13 @@ cmake --preset "$preset"
 cmake --build --preset "$preset" --target comm_soak
 
 # How the program runs in this build (environment, umockdev-wrapper or not,
-# the memory bound), as CMake wrote it for tst_soak_smoke too.
+# the memory bounds), as CMake wrote it for tst_soak_smoke too.
 # shellcheck source=/dev/null
 . "build/$preset/tests/soak/soak-run.sh"
 
 seconds=$((minutes * 60))
-arguments=(--seconds "$seconds" --rss-limit-kib "$SOAK_RSS_LIMIT_KIB")
+# shellcheck disable=SC2206 # SOAK_MEMORY_ARGUMENTS is a list of words
+arguments=(--seconds "$seconds" $SOAK_MEMORY_ARGUMENTS)
 if [ -n "${SOAK_SEED:-}" ]; then
     arguments+=(--seed "$SOAK_SEED")
 fi

@@ -48,19 +48,19 @@ void Disruptions::join()
 void Disruptions::run()
 {
     for (long long turn = 0; turn < m_rig.clock.maxTurns() && m_rig.clock.going(); ++turn) {
-        tend(int(200 + m_rng() % 1300));
+        tend(int(100 + m_rng() % 600));
         if (!m_rig.clock.going())
             break;
         const int draw = int(m_rng() % 100);
-        if (draw < 8)
+        if (draw < 12)
             clearQueue();
-        else if (draw < 16)
-            hangUpSerial();
         else if (draw < 22)
+            hangUpSerial();
+        else if (draw < 30)
             closeAndReopenSerial();
-        else if (draw < 37)
+        else if (draw < 45)
             floodSerial();
-        else if (draw < 70 && m_rig.usbDevice)
+        else if (draw < 75 && m_rig.usbDevice)
             usbStorm();
         // Otherwise a quiet spell: traffic only.
     }
@@ -137,6 +137,7 @@ void Disruptions::closeAndReopenSerial()
 {
     const quint64 epoch = m_rig.ledger.disrupt(m_rig.serial.channel);
     m_rig.serial.port->closeSerialPort();
+    ++m_rig.serialReopens;
     tend(int(m_rng() % 100));
     reopenSerial(m_rig.serialLines.path(kMainLine), epoch);
 }

@@ -364,7 +364,9 @@ void Ledger::expire(bool final)
                 auto channel = m_channels.find(entry.channel);
                 if (channel != m_channels.end())
                     --channel->second.awaited;
-            } else if (!(entry.voided && now - entry.voidedMs > kForgetVoidedMs)) {
+            } else if (entry.voided && now - entry.voidedMs > kForgetVoidedMs) {
+                ++m_counts.voidedGivenUp;
+            } else {
                 ++item;
                 continue;
             }

@@ -36,6 +36,7 @@ struct LedgerCounts
     quint64 corrupt = 0;
     quint64 awaited = 0;       // sent, not voided, reply not in yet
     quint64 voidedAwaited = 0; // voided, reply not in (yet)
+    quint64 voidedGivenUp = 0; // voided, reply long overdue and forgotten
     // The longest a reply not voided took, from the library's send to the drain, by link.
     qint64 slowestMs[3] = {0, 0, 0};
 };

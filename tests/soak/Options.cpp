@@ -1,31 +1,43 @@
 #include "Options.h"
 
+#include <functional>
+
 namespace soak {
 
 namespace {
-bool number(const QString &text, qint64 low, qint64 high, qint64 *value)
+// An option that takes a whole number in a range.
+struct NumberOption
 {
-    bool ok = false;
-    const qint64 parsed = text.toLongLong(&ok, 0);
-    if (!ok || parsed < low || parsed > high)
-        return false;
-    *value = parsed;
-    return true;
-}
+    const char *name;
+    qint64 low;
+    qint64 high;
+    std::function<void(Options *, qint64)> set;
+};
+
+const NumberOption kNumberOptions[] = {
+    {"--seconds", 1, 7 * 24 * 3600, [](Options *o, qint64 v) { o->seconds = int(v); }},
+    {"--rss-limit-kib", 0, qint64(1) << 40, [](Options *o, qint64 v) { o->rssLimitKiB = v; }},
+    {"--rss-kib-per-minute", 0, qint64(1) << 40, [](Options *o, qint64 v) { o->rssKiBPerMinute = v; }},
+    {"--heap-limit-kib", 0, qint64(1) << 40, [](Options *o, qint64 v) { o->heapLimitKiB = v; }},
+    {"--deadline-seconds", 1, 3600, [](Options *o, qint64 v) { o->deadlineSeconds = int(v); }},
+    {"--in-flight-ms", 1, 3600 * 1000, [](Options *o, qint64 v) { o->inFlightMs = int(v); }},
+};
 } // namespace
 
 QString usage()
 {
     return QStringLiteral(
-        "usage: comm_soak [--seconds N] [--seed N] [--no-usb] [--rss-limit-kib N] [--deadline-seconds N]\n"
-        "                 [--in-flight-ms N]\n"
-        "  --seconds N           how long traffic and disruptions run (default 180)\n"
-        "  --seed N              the random seed, to repeat a run (default: drawn, and printed)\n"
-        "  --no-usb              leave the USB leg out\n"
-        "  --rss-limit-kib N     the most resident memory may grow after the warm-up (default 32768)\n"
-        "  --deadline-seconds N  how long a reply that is not voided may take (default 60)\n"
-        "  --in-flight-ms N      how long after its last step a command may still be caught by\n"
-        "                        a link event or a queue clear (default 2000)\n");
+        "usage: comm_soak [--seconds N] [--seed N] [--no-usb] [--rss-limit-kib N] [--rss-kib-per-minute N]\n"
+        "                 [--heap-limit-kib N] [--deadline-seconds N] [--in-flight-ms N]\n"
+        "  --seconds N             how long traffic and disruptions run (default 180)\n"
+        "  --seed N                the random seed, to repeat a run (default: drawn, and printed)\n"
+        "  --no-usb                leave the USB leg out\n"
+        "  --rss-limit-kib N       the most resident memory may grow after the warm-up (default 32768)\n"
+        "  --rss-kib-per-minute N  and this much more for each minute of the run (default 0)\n"
+        "  --heap-limit-kib N      the most the heap in use may grow after the warm-up (default 16384)\n"
+        "  --deadline-seconds N    how long a reply that is not voided may take (default 60)\n"
+        "  --in-flight-ms N        how long after its last step a command may still be caught by\n"
+        "                          a link event or a queue clear (default 2000)\n");
 }
 
 bool parseOptions(const QStringList &arguments, Options *options, bool *help, QString *error)
@@ -46,10 +58,7 @@ bool parseOptions(const QStringList &arguments, Options *options, bool *help, QS
             return false;
         }
         const QString &text = arguments[++i];
-        qint64 value = 0;
-        if (name == QLatin1String("--seconds") && number(text, 1, 7 * 24 * 3600, &value)) {
-            options->seconds = int(value);
-        } else if (name == QLatin1String("--seed")) {
+        if (name == QLatin1String("--seed")) {
             bool ok = false;
             options->seed = text.toULongLong(&ok, 0);
             if (!ok) {
@@ -57,20 +66,23 @@ bool parseOptions(const QStringList &arguments, Options *options, bool *help, QS
                 return false;
             }
             options->seedGiven = true;
-        } else if (name == QLatin1String("--rss-limit-kib") && number(text, 0, qint64(1) << 40, &value)) {
-            options->rssLimitKiB = value;
-        } else if (name == QLatin1String("--deadline-seconds") && number(text, 1, 3600, &value)) {
-            options->deadlineSeconds = int(value);
-        } else if (name == QLatin1String("--in-flight-ms") && number(text, 1, 3600 * 1000, &value)) {
-            options->inFlightMs = int(value);
-        } else if (name == QLatin1String("--seconds") || name == QLatin1String("--rss-limit-kib")
-                   || name == QLatin1String("--deadline-seconds") || name == QLatin1String("--in-flight-ms")) {
-            *error = QStringLiteral("%1: not a number in range: %2").arg(name, text);
-            return false;
-        } else {
+            continue;
+        }
+        const NumberOption *option = nullptr;
+        for (const NumberOption &candidate : kNumberOptions)
+            if (name == QLatin1String(candidate.name))
+                option = &candidate;
+        if (!option) {
             *error = QStringLiteral("unknown option %1").arg(name);
             return false;
         }
+        bool ok = false;
+        const qint64 value = text.toLongLong(&ok, 0);
+        if (!ok || value < option->low || value > option->high) {
+            *error = QStringLiteral("%1: not a number from %2 to %3: %4").arg(name).arg(option->low).arg(option->high).arg(text);
+            return false;
+        }
+        option->set(options, value);
     }
     return true;
 }

@@ -11,6 +11,13 @@
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// The sanitizer runtimes' allocator counts what the program holds; GCC ships
+// no header for it.
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
+// Hands the sanitizer allocator's free memory back, where the runtime has it.
+extern "C" __attribute__((weak)) void __sanitizer_purge_allocator();
+#endif
 
 namespace soak {
 
@@ -114,9 +121,24 @@ int openDescriptors()
     });
 }
 
+qint64 heapKiB()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return qint64(__sanitizer_get_current_allocated_bytes() / 1024);
+#elif defined(__GLIBC__) && (__GLIBC__ > 2 || __GLIBC_MINOR__ >= 33)
+    const struct mallinfo2 info = ::mallinfo2();
+    return qint64((info.uordblks + info.hblkhd) / 1024);
+#else
+    return -1;
+#endif
+}
+
 void releaseFreeMemory()
 {
-#ifdef __GLIBC__
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    if (__sanitizer_purge_allocator)
+        __sanitizer_purge_allocator();
+#elif defined(__GLIBC__)
     ::malloc_trim(0);
 #endif
 }

@@ -7,6 +7,9 @@ namespace soak {
 
 // Resident memory (VmRSS) in KiB, or -1 when it cannot be read.
 qint64 residentKiB();
+// Memory the program has allocated and not freed, in KiB, as the allocator
+// counts it; -1 where it cannot tell.
+qint64 heapKiB();
 // Threads of the process (entries of /proc/self/task).
 int threadCount();
 // Open file descriptors, less the one reading them and less what the USB

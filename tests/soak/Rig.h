@@ -96,6 +96,7 @@ struct Rig
     // Of those, the ones made as a look for the device began.
     std::atomic<quint64> unplugsInsideLooks{0};
     std::atomic<quint64> hangUps{0};
+    std::atomic<quint64> serialReopens{0}; // closed and opened again by the application
     std::atomic<quint64> deletes{0};
     std::atomic<quint64> floods{0};
     std::atomic<quint64> clears{0};

@@ -82,7 +82,7 @@ void progress(Rig &rig, const Samples &samples)
     const LedgerCounts c = rig.ledger.counts();
     say(QStringLiteral("%1 s: %2 replies (network %3, serial %4, usb %5), %6 awaited, %7 voided (%8 came all the same), "
                        "%9 lost, %10 corrupt; %11 switches, %12 deletes, %13 unplugs, %14 hang-ups, %15 floods, "
-                       "%16 clears; RSS %17 KiB, threads %18 (most %19), fds %20 (most %21)")
+                       "%16 clears; RSS %17 KiB (heap %22 KiB), threads %18 (most %19), fds %20 (most %21)")
             .arg(rig.clock.elapsedMs() / 1000)
             .arg(c.replies)
             .arg(c.repliesByLink[0])
@@ -103,7 +103,8 @@ void progress(Rig &rig, const Samples &samples)
             .arg(threadCount())
             .arg(samples.maxThreads)
             .arg(openDescriptors())
-            .arg(samples.maxDescriptors));
+            .arg(samples.maxDescriptors)
+            .arg(heapKiB()));
 }
 
 // Makes the long-lived transports; the USB one first of all, so that it is
@@ -192,11 +193,15 @@ int runSoak(const Options &options)
 {
     // The library's debug lines, thousands a second here, would bury the results.
     QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
-    say(QStringLiteral("seed %1 (repeat the run with --seed %1), %2 s, deadline %3 s, RSS limit %4 KiB")
+    say(QStringLiteral("seed %1 (repeat the run with --seed %1), %2 s, deadline %3 s, in flight %4 ms, RSS limit "
+                       "%5 KiB + %6 KiB a minute, heap limit %7 KiB")
             .arg(options.seed)
             .arg(options.seconds)
             .arg(options.deadlineSeconds)
-            .arg(options.rssLimitKiB));
+            .arg(options.inFlightMs)
+            .arg(options.rssLimitKiB)
+            .arg(options.rssKiBPerMinute)
+            .arg(options.heapLimitKiB));
 
     Rig rig(options);
     QString error;
@@ -266,6 +271,7 @@ int runSoak(const Options &options)
     const qint64 runEndMs = rig.clock.elapsedMs() + qint64(options.seconds) * 1000;
     const qint64 warmUpEndMs = rig.clock.elapsedMs() + qMin<qint64>(15000, qint64(options.seconds) * 250);
     qint64 rssAfterWarmUp = -1;
+    qint64 heapAfterWarmUp = -1;
     qint64 lastSampleMs = 0;
     qint64 lastProgressMs = rig.clock.elapsedMs();
     for (long long turn = 0; turn < rig.clock.maxTurns() && rig.clock.elapsedMs() < runEndMs; ++turn) {
@@ -279,6 +285,7 @@ int runSoak(const Options &options)
         if (rssAfterWarmUp < 0 && now >= warmUpEndMs) {
             releaseFreeMemory();
             rssAfterWarmUp = residentKiB();
+            heapAfterWarmUp = heapKiB();
         }
         if (now - lastProgressMs >= 10000) {
             progress(rig, samples);
@@ -324,6 +331,9 @@ int runSoak(const Options &options)
     releaseFreeMemory();
     const qint64 rssAtEnd = residentKiB();
     const qint64 rssGrowth = rssAfterWarmUp < 0 ? 0 : rssAtEnd - rssAfterWarmUp;
+    const qint64 heapAtEnd = heapKiB();
+    const qint64 heapGrowth = heapAfterWarmUp < 0 || heapAtEnd < 0 ? 0 : heapAtEnd - heapAfterWarmUp;
+    const qint64 rssAllowed = options.rssLimitKiB + options.rssKiBPerMinute * options.seconds / 60;
 
     // The devices go last.
     rig.drain.stop();
@@ -342,10 +352,14 @@ int runSoak(const Options &options)
         failures << QStringLiteral("%1 corrupt records").arg(counts.corrupt);
     if (rig.drain.clearsMissed() > 0)
         failures << QStringLiteral("%1 clearQueue calls did not empty the queue").arg(rig.drain.clearsMissed());
-    if (rssGrowth > options.rssLimitKiB)
+    if (rssGrowth > rssAllowed)
         failures << QStringLiteral("resident memory grew by %1 KiB after the warm-up, more than %2 KiB")
                         .arg(rssGrowth)
-                        .arg(options.rssLimitKiB);
+                        .arg(rssAllowed);
+    if (heapGrowth > options.heapLimitKiB)
+        failures << QStringLiteral("the heap in use grew by %1 KiB after the warm-up, more than %2 KiB")
+                        .arg(heapGrowth)
+                        .arg(options.heapLimitKiB);
     if (threadsAtEnd > threadsAllowed)
         failures << QStringLiteral("%1 threads once every transport was deleted, %2 before the first was made")
                         .arg(threadsAtEnd)
@@ -378,7 +392,8 @@ int runSoak(const Options &options)
             .arg(counts.slowestMs[2]));
     say(QStringLiteral("%1 commands sent: %2 replies (network %3, serial %4, usb %5); %6 voided, of which %7 came all "
                        "the same and %8 never did; %9 switches, %10 deletes from another thread, %11 unplugs "
-                       "(watcher: %12 removals, %13 returns; %14 opens), %15 hang-ups, %16 floods, %17 clears (%18 seen)")
+                       "(watcher: %12 removals, %13 returns; %14 opens), %15 hang-ups, %19 closes and reopens, %16 floods, "
+                       "%17 clears (%18 seen)")
             .arg(counts.sent)
             .arg(counts.replies)
             .arg(counts.repliesByLink[0])
@@ -386,7 +401,7 @@ int runSoak(const Options &options)
             .arg(counts.repliesByLink[2])
             .arg(counts.voided)
             .arg(counts.voidedArrived)
-            .arg(counts.voidedAwaited)
+            .arg(counts.voidedAwaited + counts.voidedGivenUp)
             .arg(rig.switches.load())
             .arg(rig.deletes.load())
             .arg(rig.unplugs.load())
@@ -396,7 +411,8 @@ int runSoak(const Options &options)
             .arg(rig.hangUps.load())
             .arg(rig.floods.load())
             .arg(rig.clears.load())
-            .arg(rig.drain.clearsSeen()));
+            .arg(rig.drain.clearsSeen())
+            .arg(rig.serialReopens.load()));
     if (rig.usbDevice)
         say(QStringLiteral("unplugs: %1 right after a send, %2 inside openUSB, %3 inside the watcher's look, %4 during "
                            "a long write, %5 at other moments; %6 of them as a look for the device began")
@@ -407,15 +423,19 @@ int runSoak(const Options &options)
                 .arg(rig.unplugsAt[kAnyMoment].load())
                 .arg(rig.unplugsInsideLooks.load()));
     say(QStringLiteral("threads %1 at the start, %2 at the end; descriptors %3 at the start, %4 at the end "
-                       "(and %5 in all, umockdev's leftovers of unplugged devices included); RSS %6 KiB after the "
-                       "warm-up, %7 KiB at the end")
+                       "(%5 open in all, umockdev's leftovers included); RSS %6 KiB after the "
+                       "warm-up, %7 KiB at the end (%8 KiB allowed); heap %9 KiB after the warm-up, %10 KiB at "
+                       "the end")
             .arg(threadsAtStart)
             .arg(threadsAtEnd)
             .arg(descriptorsAtStart)
             .arg(descriptorsAtEnd)
             .arg(allDescriptors())
             .arg(rssAfterWarmUp)
-            .arg(rssAtEnd));
+            .arg(rssAtEnd)
+            .arg(rssAllowed)
+            .arg(heapAfterWarmUp)
+            .arg(heapAtEnd));
     for (const QString &failure : failures)
         say(QStringLiteral("FAILED: %1").arg(failure));
 
