@@ -2,6 +2,7 @@
 
 #include <QtGlobal>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -41,7 +42,7 @@ public:
             const qint64 left = until - elapsedMs();
             if (left <= 0)
                 return;
-            std::this_thread::sleep_for(std::chrono::milliseconds(qMin<qint64>(left, 10)));
+            std::this_thread::sleep_for(std::chrono::milliseconds(std::min<qint64>(left, 10)));
         }
     }
 

@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QLoggingCategory>
 
+#include <algorithm>
 #include <cstdio>
 #include <random>
 #include <sys/resource.h>
@@ -184,8 +185,8 @@ quint64 unplugsAllowed(int descriptorsPerPlug)
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
         return 500;
-    const qint64 room = qint64(qMin<rlim_t>(limit.rlim_cur, 1 << 20)) - 1000;
-    return quint64(qBound<qint64>(0, room / qMax(1, descriptorsPerPlug), 5000));
+    const qint64 room = qint64(std::min<rlim_t>(limit.rlim_cur, rlim_t(1) << 20)) - 1000;
+    return quint64(std::clamp<qint64>(room / std::max(1, descriptorsPerPlug), 0, 5000));
 }
 } // namespace
 
@@ -269,7 +270,7 @@ int runSoak(const Options &options)
 
     // The run: this thread samples the process and reports progress.
     const qint64 runEndMs = rig.clock.elapsedMs() + qint64(options.seconds) * 1000;
-    const qint64 warmUpEndMs = rig.clock.elapsedMs() + qMin<qint64>(15000, qint64(options.seconds) * 250);
+    const qint64 warmUpEndMs = rig.clock.elapsedMs() + std::min<qint64>(15000, qint64(options.seconds) * 250);
     qint64 rssAfterWarmUp = -1;
     qint64 heapAfterWarmUp = -1;
     qint64 lastSampleMs = 0;
