@@ -1,0 +1,146 @@
+#include "ProcessStats.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <set>
+#include <string>
+#include <unistd.h>
+
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// The sanitizer runtimes' allocator counts what the program holds; GCC ships
+// no header for it.
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
+// Hands the sanitizer allocator's free memory back, where the runtime has it.
+extern "C" __attribute__((weak)) void __sanitizer_purge_allocator();
+#endif
+
+namespace soak {
+
+namespace {
+// Entries of a /proc directory, less "." and "..".
+template <typename Counts>
+int countEntries(const char *path, Counts counts)
+{
+    DIR *dir = ::opendir(path);
+    if (!dir)
+        return -1;
+    int count = 0;
+    for (int i = 0; i < 1000000; ++i) {
+        const dirent *entry = ::readdir(dir);
+        if (!entry)
+            break;
+        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0 && counts(dir, entry))
+            ++count;
+    }
+    ::closedir(dir);
+    return count;
+}
+
+// Whether the entry of /proc/self/fd is the descriptor that lists the folder.
+bool listingItself(DIR *dir, const dirent *entry)
+{
+    return std::atoi(entry->d_name) == ::dirfd(dir);
+}
+
+// The inodes of the Unix sockets bound under path (from /proc/net/unix, whose
+// lines end in the inode and, for a bound socket, its path).
+std::set<std::string> socketsUnder(const std::string &path)
+{
+    std::set<std::string> inodes;
+    FILE *table = std::fopen("/proc/self/net/unix", "re");
+    if (!table)
+        return inodes;
+    char line[4096];
+    for (int i = 0; i < 1000000 && std::fgets(line, sizeof line, table); ++i) {
+        char inode[32] = {};
+        char bound[4096] = {};
+        // Num RefCount Protocol Flags Type St Inode Path
+        if (std::sscanf(line, "%*s %*s %*s %*s %*s %*s %31s %4095s", inode, bound) == 2
+            && std::strncmp(bound, path.c_str(), path.size()) == 0)
+            inodes.insert(std::string("socket:[") + inode + "]");
+    }
+    std::fclose(table);
+    return inodes;
+}
+} // namespace
+
+qint64 residentKiB()
+{
+    FILE *status = std::fopen("/proc/self/status", "re");
+    if (!status)
+        return -1;
+    char line[256];
+    qint64 kib = -1;
+    for (int i = 0; i < 200 && std::fgets(line, sizeof line, status); ++i) {
+        long long value = 0;
+        if (std::sscanf(line, "VmRSS: %lld kB", &value) == 1) {
+            kib = value;
+            break;
+        }
+    }
+    std::fclose(status);
+    return kib;
+}
+
+int threadCount()
+{
+    return countEntries("/proc/self/task", [](DIR *, const dirent *) { return true; });
+}
+
+int allDescriptors()
+{
+    return countEntries("/proc/self/fd", [](DIR *dir, const dirent *entry) { return !listingItself(dir, entry); });
+}
+
+int openDescriptors()
+{
+    // The emulated USB device keeps two descriptors of every device it ever
+    // plugged in until the testbed goes: the device's side of the node, which
+    // an unplug points at /dev/null instead of closing, and the socket that
+    // answers the node's ioctls, bound under the testbed's folder
+    // ($UMOCKDEV_DIR/ioctl/). Neither is counted: nothing else in the process
+    // opens /dev/null or binds a socket there.
+    std::set<std::string> emulation;
+    if (const char *testbed = std::getenv("UMOCKDEV_DIR"); testbed && *testbed)
+        emulation = socketsUnder(std::string(testbed) + "/ioctl/");
+    return countEntries("/proc/self/fd", [&emulation](DIR *dir, const dirent *entry) {
+        if (listingItself(dir, entry))
+            return false;
+        char link[4096] = {};
+        const std::string path = std::string("/proc/self/fd/") + entry->d_name;
+        const ssize_t n = ::readlink(path.c_str(), link, sizeof link - 1);
+        if (n <= 0)
+            return false; // closed meanwhile
+        const std::string target(link, size_t(n));
+        return target != "/dev/null" && emulation.count(target) == 0;
+    });
+}
+
+qint64 heapKiB()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    return qint64(__sanitizer_get_current_allocated_bytes() / 1024);
+#elif defined(__GLIBC__) && (__GLIBC__ > 2 || __GLIBC_MINOR__ >= 33)
+    const struct mallinfo2 info = ::mallinfo2();
+    return qint64((info.uordblks + info.hblkhd) / 1024);
+#else
+    return -1;
+#endif
+}
+
+void releaseFreeMemory()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    if (__sanitizer_purge_allocator)
+        __sanitizer_purge_allocator();
+#elif defined(__GLIBC__)
+    ::malloc_trim(0);
+#endif
+}
+
+} // namespace soak
