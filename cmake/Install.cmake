@@ -1,4 +1,5 @@
-# Installs both libraries, their public headers under include/comm_module, a
+# Installs both libraries, their public headers under include/comm_module (the
+# companion stand-in's under include/comm_module_companion), a
 # CMake package (find_package(CommModule)) and a pkg-config file (CommModule);
 # the Qt 6 build under its own names (include/comm_module_qt6, CommModuleQt6),
 # so that both can be installed into one prefix.
@@ -33,7 +34,7 @@ install(TARGETS Module
     LIBRARY DESTINATION ${COMM_COMPANION_LIBDIR}
     ARCHIVE DESTINATION ${COMM_COMPANION_LIBDIR}
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
-    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${COMM_INCLUDE_SUBDIR}
+    PUBLIC_HEADER DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${COMM_COMPANION_INCLUDE_SUBDIR}
 )
 install(EXPORT CommModuleTargets NAMESPACE ${COMM_PACKAGE_NAME}:: FILE ${COMM_PACKAGE_NAME}Targets.cmake
     DESTINATION ${COMM_CMAKE_DIR})

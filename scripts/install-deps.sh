@@ -12,6 +12,8 @@ packages=(
     libbenchmark-dev python3
     iproute2 util-linux
     tshark
+    # The binary interface check (scripts/abi-check.sh).
+    abi-dumper abi-compliance-checker
     # dpkg-buildpackage checks for build-essential besides debian/control's list.
     build-essential debhelper dpkg-dev lintian doxygen groff-base man-db
 )

@@ -4,7 +4,7 @@
 
 #include <QCoreApplication>
 
-#include "PortUSB.h"
+#include "PortUSB_p.h"
 
 namespace e2e {
 
@@ -29,13 +29,13 @@ UsbPausesSkipped::UsbPausesSkipped(bool skip)
     : m_skip(skip)
 {
     if (m_skip)
-        PortUSB::setOpenClosePause(noPause);
+        PortUSBPrivate::setOpenClosePause(noPause);
 }
 
 UsbPausesSkipped::~UsbPausesSkipped()
 {
     if (m_skip)
-        PortUSB::setOpenClosePause(nullptr);
+        PortUSBPrivate::setOpenClosePause(nullptr);
 }
 
 QString count(long value)

@@ -169,4 +169,9 @@ public slots:
     /// PortUDP::sendDatatoDevice). Serial: `m_com->write N`, `Send successful` or
     /// `Send failed`, then `Send data:` with the header. USB: `Send usb data:` with the header.
     virtual void sendDatatoDevice(void *parameters) = 0;
+
+private:
+    // Room for what a later version adds to every transport, so that this
+    // class's layout, and with it every transport's, stays as it is.
+    void *const m_reserved = nullptr;
 };

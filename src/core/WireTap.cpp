@@ -1,10 +1,10 @@
 #include "WireTap.h"
 
+#include <chrono>
 #include <mutex>
 #include <shared_mutex>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include "SocketName.h"
 
 namespace comm::wiretap {
 
@@ -13,66 +13,99 @@ std::atomic<bool> g_installed{false};
 } // namespace detail
 
 namespace {
-// Guards the observer and its context: calls share it, install() takes it
-// alone and so waits for calls in progress. Only taken while an observer is
-// installed (or just being removed).
+// Guards the observer: calls share it, install() takes it alone and so waits
+// for calls in progress. Only taken while an observer is installed (or just
+// being removed).
 std::shared_mutex g_lock;
-Observer g_observer = nullptr;
-void *g_context = nullptr;
+PortWireObserver *g_observer = nullptr;
 
-void deliver(const Packet &packet)
+void deliver(PortWirePacket &packet)
 {
+    packet.timeUs = std::chrono::duration_cast<std::chrono::microseconds>(
+                        std::chrono::system_clock::now().time_since_epoch())
+                        .count();
     std::shared_lock<std::shared_mutex> guard(g_lock);
     if (g_observer)
-        g_observer(packet, g_context);
+        g_observer->observe(packet);
 }
-} // namespace
 
-void install(Observer observer, void *context)
+QString endpointText(const QHostAddress &address, quint16 port)
+{
+    const QString host = address.protocol() == QAbstractSocket::IPv6Protocol
+                             ? QLatin1Char('[') + address.toString() + QLatin1Char(']')
+                             : address.toString();
+    return host + QLatin1Char(':') + QString::number(port);
+}
+
+void install(PortWireObserver *observer)
 {
     std::unique_lock<std::shared_mutex> guard(g_lock);
     g_observer = observer;
-    g_context = observer ? context : nullptr;
     detail::g_installed.store(observer != nullptr, std::memory_order_relaxed);
 }
 
+PortWireObserver *installed()
+{
+    std::shared_lock<std::shared_mutex> guard(g_lock);
+    return g_observer;
+}
+
+void uninstall(PortWireObserver *observer)
+{
+    std::unique_lock<std::shared_mutex> guard(g_lock);
+    if (g_observer != observer)
+        return;
+    g_observer = nullptr;
+    detail::g_installed.store(false, std::memory_order_relaxed);
+}
+} // namespace
+
 namespace detail {
 
-void stream(Link link, Direction direction, const char *bytes, qint64 size)
+void stream(const PortBase *port, Link link, Direction direction, const QString &peer, const char *bytes,
+            qint64 size)
 {
-    Packet packet;
+    PortWirePacket packet;
+    packet.port = port;
     packet.link = link;
     packet.direction = direction;
-    packet.bytes = bytes;
-    packet.size = size;
+    packet.peer = peer;
+    packet.bytes = QByteArray(bytes, static_cast<int>(size));
     deliver(packet);
 }
 
-void datagram(Direction direction, const char *bytes, qint64 size, qintptr socketDescriptor,
+void datagram(const PortBase *port, Direction direction, const char *bytes, qint64 size, qintptr socketDescriptor,
               const QHostAddress &remoteAddress, quint16 remotePort)
 {
-    Packet packet;
+    PortWirePacket packet;
+    packet.port = port;
     packet.link = Link::Network;
     packet.direction = direction;
-    packet.bytes = bytes;
-    packet.size = size;
+    packet.peer = endpointText(remoteAddress, remotePort);
+    packet.bytes = QByteArray(bytes, static_cast<int>(size));
     packet.remoteAddress = remoteAddress;
     packet.remotePort = remotePort;
-    sockaddr_storage local{};
-    socklen_t localSize = sizeof(local);
-    if (socketDescriptor >= 0
-        && ::getsockname(static_cast<int>(socketDescriptor), reinterpret_cast<sockaddr *>(&local), &localSize) == 0) {
-        int port = 0;
-        packet.localAddress.setAddress(reinterpret_cast<const sockaddr *>(&local));
-        if (local.ss_family == AF_INET)
-            port = ntohs(reinterpret_cast<const sockaddr_in *>(&local)->sin_port);
-        else if (local.ss_family == AF_INET6)
-            port = ntohs(reinterpret_cast<const sockaddr_in6 *>(&local)->sin6_port);
-        packet.localPort = static_cast<quint16>(port);
-    }
+    socketName(socketDescriptor, &packet.localAddress, &packet.localPort);
     deliver(packet);
 }
 
 } // namespace detail
 
 } // namespace comm::wiretap
+
+PortWireObserver::PortWireObserver() = default;
+
+PortWireObserver::~PortWireObserver()
+{
+    comm::wiretap::uninstall(this);
+}
+
+void PortWireObserver::install(PortWireObserver *observer)
+{
+    comm::wiretap::install(observer);
+}
+
+PortWireObserver *PortWireObserver::installed()
+{
+    return comm::wiretap::installed();
+}

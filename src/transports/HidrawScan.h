@@ -13,8 +13,8 @@ namespace comm {
 struct HidrawScan
 {
     // Whether the system keeps such a list at all. Where it keeps none (no
-    // hidraw in the kernel, another OS, or a test that stands in for hidapi),
-    // the scan says nothing about the device, and hidapi is asked instead.
+    // hidraw in the kernel, another OS), the scan says nothing about the
+    // device, and hidapi is asked instead.
     // Where it does, an empty list means what it says: hidapi's hidraw
     // backend finds its devices in this same list.
     bool listed = false;
@@ -27,11 +27,5 @@ struct HidrawScan
 // hid_enumerate) on the buses hidapi's hidraw backend lists: USB, Bluetooth,
 // I2C and SPI.
 HidrawScan scanHidraw(unsigned short vid, unsigned short pid);
-
-// Where the kernel's hidraw entries are read from ("/sys/class/hidraw" on
-// Linux). Programs that stand in for hidapi point it at a folder that does not
-// exist, so that the library asks their hidapi, whatever devices the machine
-// has. Call before the first PortUSB is made.
-void setHidrawClassFolder(const std::string &folder);
 
 } // namespace comm

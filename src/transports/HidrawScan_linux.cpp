@@ -3,7 +3,6 @@
 #include "HidrawScan.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -26,16 +25,8 @@ constexpr unsigned kBusSpi = 0x1C;
 // Bounds a look at one folder: far more than any machine has HID devices.
 constexpr int kMaxEntries = 4096;
 
-// Set once before use and never freed: the hot-plug watcher reads it until
-// the process ends.
-std::atomic<const std::string *> g_classFolder{nullptr};
-
-const std::string &classFolder()
-{
-    static const std::string *const standard = new std::string("/sys/class/hidraw");
-    const std::string *chosen = g_classFolder.load();
-    return chosen ? *chosen : *standard;
-}
+// Where the kernel lists its hidraw devices.
+const char kClassFolder[] = "/sys/class/hidraw";
 
 // The whole of a small sysfs attribute, or false when it cannot be read (the
 // device went away meanwhile).
@@ -116,7 +107,7 @@ bool matches(const std::string &entry, unsigned short vid, unsigned short pid, M
 HidrawScan scanHidraw(unsigned short vid, unsigned short pid)
 {
     HidrawScan scan;
-    const std::string &folder = classFolder();
+    const std::string folder = kClassFolder;
     DIR *directory = ::opendir(folder.c_str());
     if (!directory)
         return scan;
@@ -139,12 +130,6 @@ HidrawScan scanHidraw(unsigned short vid, unsigned short pid)
     if (first != found.end())
         scan.node = first->node;
     return scan;
-}
-
-void setHidrawClassFolder(const std::string &folder)
-{
-    // Never freed: a watcher may be looking at the one it replaces.
-    g_classFolder.store(new std::string(folder));
 }
 
 } // namespace comm

@@ -9,6 +9,4 @@ HidrawScan scanHidraw(unsigned short, unsigned short)
     return HidrawScan();
 }
 
-void setHidrawClassFolder(const std::string &) {}
-
 } // namespace comm

@@ -12,11 +12,8 @@
 #include "ModulelEnum.h"
 #include "PortBase.h"
 #include "ProtocolData.h"
-#include "StreamTransport.h"
 
-namespace comm {
-class IoThread;
-} // namespace comm
+class PortSerialPrivate;
 
 /// The serial (COM) line transport (connection type ConnSerial).
 ///
@@ -34,7 +31,7 @@ class IoThread;
 /// The port's error signal is not connected here: an application that wants a
 /// vanished device to close the port connects QSerialPort::errorOccurred of
 /// m_com to handleError(), or to a slot of its own that calls closeSerialPort().
-class COMM_MODULE_EXPORT PortSerial : public PortBase, public StreamTransport
+class COMM_MODULE_EXPORT PortSerial : public PortBase
 {
     Q_OBJECT
 
@@ -112,7 +109,7 @@ public:
     /// Any thread; the emptying runs on a new thread, which the destructor waits for.
     /// \logs
     /// Logs nothing.
-    void clearQueue() override { clearQueueDetached(m_cmdDeal); }
+    void clearQueue() override;
     /// Sets the device type stamped on every reply record from now on.
     ///
     /// Returns nothing.
@@ -121,7 +118,7 @@ public:
     /// Any thread; the worker reads it atomically.
     /// \logs
     /// Logs nothing.
-    void setDeviceType(ModulelEnum::DeviceType type) override { setReplyDeviceType(type); }
+    void setDeviceType(ModulelEnum::DeviceType type) override;
 
     /// No meaning on a serial line: does nothing.
     ///
@@ -179,10 +176,138 @@ public:
     /// The worker thread openSerialPort() starts; a caller that runs it itself
     /// is blocked while it turns.
     /// \logs
-    /// Per frame, as StreamTransport::checkCMD(): `Recv data:` with the header,
+    /// Per frame, as checkCMD(): `Recv data:` with the header,
     /// `Recv data:` with the header and ` CheckBlock default:` for a missing or
     /// wrong block, `PortSerial::getArrayData   dataStr==` with the 16 digits for a check failure.
     void ThreadDealDataFunc();
+
+    /// Reassembly step: drops bytes up to the first `[` of snapshot and looks
+    /// whether a reply frame starts there.
+    ///
+    /// With no `[` in snapshot, as many bytes as snapshot holds are dropped.
+    /// A `[` not followed by `R` is dropped too.
+    /// \param snapshot The front of the receive buffer, as getBuffData() gave it.
+    /// \threads
+    /// Any thread; runs on the caller.
+    /// \logs
+    /// Logs nothing.
+    /// \return true when the buffer now starts with `[` `R`.
+    bool isFindStdCmdPreFlag(QByteArray snapshot);
+    /// Reassembly step: checks and consumes the frame at the buffer's front.
+    ///
+    /// A frame whose check byte does not match loses its `[` (the rest is
+    /// scanned again as data). A valid frame is consumed; on the serial link,
+    /// when it announces a block, the block is waited for and queued with it
+    /// as checkBlock() does; otherwise its record is queued from a new
+    /// detached thread.
+    /// \param frame At least the 19 bytes at the buffer's front; fewer give false and nothing happens.
+    /// \threads
+    /// Any thread; runs on the caller, which waits for an announced block
+    /// (serial: up to about 600 ms).
+    /// \logs
+    /// A check failure: the link's check failure text followed by the 16 digits.
+    /// A frame taken: `Recv data:` followed by the 19-byte header; when its
+    /// announced block is missing or wrong, one line of the header and
+    /// ` CheckBlock default:` (`Recv data:[R...] CheckBlock default:`).
+    /// \return true when the frame gave a record.
+    bool checkCMD(QByteArray frame);
+    /// Reassembly step: waits for length bytes of block data, checks their
+    /// check byte and queues record with them at once.
+    ///
+    /// The wait looks again every few milliseconds, as long as the link's
+    /// block wait allows (serial: 150 looks 4 ms apart). An incomplete block is
+    /// left in the buffer; a complete one is consumed, also when its last byte
+    /// is not the 8-bit sum of the others. A length of 0 queues record with no
+    /// payload. The USB transport's reassembly never calls it.
+    /// \param record The reply the block belongs to; stamped with the link
+    /// byte, the device type and (serial) the port name.
+    /// \param length The block's length, its check byte included.
+    /// \threads
+    /// Any thread; waits on the caller, and appends to the receive queue on
+    /// the caller (taking CmdDealModule::receiveHexCmdlock, then CmdDealModule::HexCmdlock).
+    /// \logs
+    /// Logs nothing.
+    /// \return true when record was queued with its block.
+    bool checkBlock(ProtocolData record, unsigned short length);
+    /// Decodes the 16 digits of a reply frame (bytes 2 to 17) into *out when
+    /// their check byte matches.
+    ///
+    /// \param frame The frame; a shorter one reads as if it ended in zero bytes.
+    /// \param out Receives the command, parameter and check bytes; untouched on a mismatch.
+    /// \threads
+    /// Any thread; runs on the caller and touches no state of the transport.
+    /// \logs
+    /// On a mismatch, the link's check failure text followed by the 16 digits
+    /// (`PortSerial::getArrayData   dataStr==` or `PortUSB::getArrayData   dataStr==`).
+    /// \return true when the check byte matches.
+    bool getArrayData(QByteArray frame, ProtocolData *out);
+    /// Appends record to the command module's receive queue and raises its
+    /// reply-arrived flag, at once.
+    ///
+    /// Returns nothing.
+    /// \param record The reply, queued as it is.
+    /// \threads
+    /// Any thread not holding the command module's locks; runs on the caller,
+    /// taking CmdDealModule::receiveHexCmdlock, then CmdDealModule::HexCmdlock.
+    /// \logs
+    /// Logs nothing.
+    void addToReceivedQueue(ProtocolData record);
+    /// Sets the command module's reply-arrived flag, CmdDealModule::bRetFlag.
+    ///
+    /// Returns nothing.
+    /// \param value The flag's new value.
+    /// \threads
+    /// Any thread not holding CmdDealModule::HexCmdlock; runs on the caller, under that lock.
+    /// \logs
+    /// Logs nothing.
+    void setRetFlagStatus(bool value);
+
+    /// Appends a copy of data to the receive buffer.
+    ///
+    /// Returns nothing.
+    /// \param data The received bytes.
+    /// \threads
+    /// Any thread; runs on the caller, under the buffer's lock.
+    /// \logs
+    /// Logs nothing.
+    void appendBuffData(QByteArray data);
+    /// The first len bytes of the receive buffer, left in place.
+    ///
+    /// \param len How many bytes at most.
+    /// \threads
+    /// Any thread; runs on the caller, under the buffer's lock.
+    /// \logs
+    /// Logs nothing.
+    /// \return A copy of them; fewer when the buffer is shorter.
+    QByteArray getBuffData(unsigned short len);
+    /// Removes the first len bytes of the receive buffer.
+    ///
+    /// \param len How many bytes at most.
+    /// \threads
+    /// Any thread; runs on the caller, under the buffer's lock.
+    /// \logs
+    /// Logs nothing.
+    /// \return The bytes removed; fewer when the buffer was shorter.
+    QByteArray takeBuffData(unsigned short len);
+    /// Makes the command frame of record.
+    ///
+    /// \param record The command; not changed.
+    /// \threads
+    /// Any thread; touches no state of the transport.
+    /// \logs
+    /// Logs nothing.
+    /// \return `[`, `A`, the command byte, the six parameter bytes and their
+    /// 8-bit sum as 16 lower-case hex digits, `]`, then the payload raw.
+    QByteArray produceCmds(ProtocolData record);
+    /// The header text form of some bytes.
+    ///
+    /// \param data The bytes.
+    /// \threads
+    /// Any thread; touches no state of the transport.
+    /// \logs
+    /// Logs nothing.
+    /// \return `[`, `A`, two lower-case hex digits per byte, `]`: 3 + 2 * size characters.
+    QByteArray changeData(QByteArray data);
 
     /// The worker runs while this is true; it is written under the transport's deal lock.
     std::atomic<bool> m_threadRun{false};
@@ -245,29 +370,13 @@ public slots:
     /// Logs nothing.
     void handleError(QSerialPort::SerialPortError error);
 
-protected:
-    /// The one write call of sendComData(), for a derived class to replace.
-    ///
-    /// \param data The bytes.
-    /// \param size How many.
-    /// \threads
-    /// The I/O thread, from sendComData(), while the port is open.
-    /// \logs
-    /// Logs nothing.
-    /// \return What QIODevice::write returns: the bytes taken, or -1.
-    virtual qint64 writeComData(const char *data, qint64 size);
-
 private:
-    bool openOnIoThread(const QString &name, QSerialPort::BaudRate baud, QSerialPort::StopBits stopBits,
-                        QSerialPort::Parity parity, QSerialPort::FlowControl flow, QSerialPort::DataBits dataBits);
-    void stopWorker();
+    friend class PortSerialPrivate;
 
     CmdDealModule m_cmdDeal;
     QMutex m_dealLock;
-    // Where the port lives; started before it is made, stopped after it is gone.
-    std::unique_ptr<comm::IoThread> m_io;
-    // Resource errors the port has reported, and their count when it was last
-    // opened; both only touched on the I/O thread.
-    int m_resourceErrorsReported = 0;
-    int m_resourceErrorsAtOpen = 0;
+    // The port's thread, the receive buffer with its reassembler, the reply
+    // hand-off and the workers: kept out of this class's layout, so that they
+    // can change without applications being rebuilt.
+    const std::unique_ptr<PortSerialPrivate> d;
 };

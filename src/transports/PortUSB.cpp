@@ -1,4 +1,4 @@
-#include "PortUSB.h"
+#include "PortUSB_p.h"
 
 #include <algorithm>
 #include <chrono>
@@ -6,11 +6,10 @@
 
 #include "CommandFrame.h"
 #include "DebugLog.h"
-#include "HidDevice.h"
+#include "FrameHexText.h"
 #include "HidReportSplit.h"
 #include "HotPlugWatcher.h"
 #include "MutexGuard.h"
-#include "StreamLink.h"
 #include "WireTap.h"
 
 namespace {
@@ -20,21 +19,37 @@ constexpr auto kReadCycle = std::chrono::milliseconds(20);
 constexpr int kReadTimeoutMs = 100;
 constexpr int kReadBufferSize = 1024;
 
-std::atomic<PortUSB::PauseFunction> g_openClosePause{nullptr};
-
-void openClosePause()
+// The peer of every byte string on the USB link, as wire observers see it.
+QString usbPeer()
 {
-    if (const PortUSB::PauseFunction pause = g_openClosePause.load())
+    return QStringLiteral("USB");
+}
+
+std::atomic<PortUSBPrivate::PauseFunction> g_openClosePause{nullptr};
+
+} // namespace
+
+PortUSBPrivate::PortUSBPrivate(PortUSB &port)
+    : link(comm::StreamReassemblyConfig::usb())
+    , q(port)
+{
+}
+
+void PortUSBPrivate::setOpenClosePause(PauseFunction pause)
+{
+    g_openClosePause.store(pause);
+}
+
+void PortUSBPrivate::openClosePause()
+{
+    if (const PauseFunction pause = g_openClosePause.load())
         pause(kOpenClosePause);
     else
         std::this_thread::sleep_for(kOpenClosePause);
 }
 
-} // namespace
-
 PortUSB::PortUSB()
-    : StreamTransport(comm::StreamReassemblyConfig::usb())
-    , m_device(std::make_unique<comm::HidDevice>())
+    : d(std::make_unique<PortUSBPrivate>(*this))
 {
     comm::HotPlugWatcher::addTransport(this);
     USBChanged();
@@ -42,78 +57,68 @@ PortUSB::PortUSB()
 
 PortUSB::~PortUSB()
 {
-    stopHotPlugReports();
+    d->stopHotPlugReports();
     closeUSB();
     // The workers notice their cleared flags at the end of their cycle; wait
     // for that, and for reply hand-offs, so none outlives this object.
     m_readRunning = false;
     m_dealRunning = false;
-    m_link->workers.waitUntilIdle();
-    m_link->sink.waitForDetachedWork();
+    d->link.workers.waitUntilIdle();
+    d->link.sink.waitForDetachedWork();
 }
 
-void PortUSB::stopHotPlugReports()
+void PortUSBPrivate::stopHotPlugReports()
 {
-    comm::HotPlugWatcher::removeTransport(this);
+    comm::HotPlugWatcher::removeTransport(&q);
 }
 
 bool PortUSB::openUSB(unsigned short vid, unsigned short pid)
 {
-    comm::MutexGuard link(m_linkLock);
-    if (m_device->isOpen())
-        closeDevice(false); // bytes already received stay for the new worker
+    comm::MutexGuard link(d->linkLock);
+    if (d->device.isOpen())
+        d->closeDevice(false); // bytes already received stay for the new worker
     // Lets the workers of a previous open see their cleared flags and end.
-    openClosePause();
+    PortUSBPrivate::openClosePause();
     // On a loaded machine they may need longer: never run two pairs at once.
-    m_link->workers.waitUntilIdle();
+    d->link.workers.waitUntilIdle();
 
-    const bool opened = m_device->open(vid, pid);
+    const bool opened = d->device.open(vid, pid);
     comm::HotPlugWatcher::watchFor(vid, pid);
     if (!opened)
         return false;
 
     m_dealRunning = true;
-    if (!m_link->workers.tryStart("PortUSB-deal", [this] { ThreadDealDataFunc(); })) {
-        closeDevice(false);
+    if (!d->link.workers.tryStart("PortUSB-deal", [this] { ThreadDealDataFunc(); })) {
+        d->closeDevice(false);
         return false;
     }
     m_readRunning = true;
-    if (!m_link->workers.tryStart("PortUSB-read", [this] { ThreadReadPendingDatagrams(); })) {
+    if (!d->link.workers.tryStart("PortUSB-read", [this] { ThreadReadPendingDatagrams(); })) {
         // Without a reader no reply would ever arrive.
-        closeDevice(false);
+        d->closeDevice(false);
         return false;
     }
     return true;
 }
 
-void PortUSB::setOpenClosePause(PauseFunction pause)
-{
-    g_openClosePause.store(pause);
-}
-
 void PortUSB::closeUSB()
 {
     {
-        comm::MutexGuard link(m_linkLock);
-        if (m_device->isOpen())
-            closeDevice(true);
+        comm::MutexGuard link(d->linkLock);
+        if (d->device.isOpen())
+            d->closeDevice(true);
     }
-    openClosePause();
+    PortUSBPrivate::openClosePause();
 }
 
-void PortUSB::closeDevice(bool clearBuffer)
+void PortUSBPrivate::closeDevice(bool clearBuffer)
 {
-    m_device->close([&] {
-        m_readRunning = false;
+    device.close([&] {
+        q.m_readRunning = false;
         if (clearBuffer)
-            m_link->reassembler.clear();
+            link.reassembler.clear();
     });
-    m_dealRunning = false;
-}
-
-bool PortUSB::isOpen() const
-{
-    return m_device->isOpen();
+    q.m_dealRunning = false;
 }
 
 void PortUSB::USBChanged()
@@ -131,16 +136,16 @@ void PortUSB::ThreadReadPendingDatagrams()
     unsigned char buffer[kReadBufferSize] = {};
     if (!m_readRunning)
         return;
-    comm::StreamReassembler &reassembler = m_link->reassembler;
+    comm::StreamReassembler &reassembler = d->link.reassembler;
     // The flag is looked at after a whole cycle only: pause, then one read.
     do {
         std::this_thread::sleep_for(kReadCycle);
         std::fill(std::begin(buffer), std::end(buffer), 0);
         // A time-out, an error or a closed device skips the cycle. Every byte
         // read is kept, zero padding behind a short frame included.
-        m_device->read(buffer, kReadBufferSize, kReadTimeoutMs, [&](int count) {
+        d->device.read(buffer, kReadBufferSize, kReadTimeoutMs, [&](int count) {
             const int size = std::min(count, kReadBufferSize);
-            comm::wiretap::stream(comm::wiretap::Link::Usb, comm::wiretap::Direction::Read,
+            comm::wiretap::stream(this, comm::wiretap::Link::Usb, comm::wiretap::Direction::Read, usbPeer,
                                   reinterpret_cast<const char *>(buffer), size);
             reassembler.append(QByteArray(reinterpret_cast<const char *>(buffer), size));
         });
@@ -163,24 +168,24 @@ void PortUSB::sendDatatoDevice(void *parameters)
 
 void PortUSB::sendUSBData(QByteArray data)
 {
-    writeReports(data, comm::ReportSplit::Command);
+    d->writeReports(data, comm::ReportSplit::Command);
 }
 
 void PortUSB::sendUSBData_Update_Vornik(QByteArray data)
 {
-    writeReports(data, comm::ReportSplit::Update);
+    d->writeReports(data, comm::ReportSplit::Update);
 }
 
-void PortUSB::writeReports(const QByteArray &data, comm::ReportSplit split)
+void PortUSBPrivate::writeReports(const QByteArray &data, comm::ReportSplit split)
 {
     unsigned char report[comm::kHidReportSize];
     for (const comm::ReportChunk &chunk : comm::splitIntoReports(data.size(), split)) {
         comm::fillOutputReport(report, data.constData(), chunk);
-        const int written = m_device->write(report, comm::kHidReportSize);
+        const int written = device.write(report, comm::kHidReportSize);
         if (written == comm::HidDevice::kNotOpen)
             return; // closed: nothing is written, nothing logged
         if (written >= 0)
-            comm::wiretap::stream(comm::wiretap::Link::Usb, comm::wiretap::Direction::Written,
+            comm::wiretap::stream(&q, comm::wiretap::Link::Usb, comm::wiretap::Direction::Written, usbPeer,
                                   reinterpret_cast<const char *>(report), comm::kHidReportSize);
         if (written == -1) {
             if (chunk.logsFailure)
@@ -192,5 +197,7 @@ void PortUSB::writeReports(const QByteArray &data, comm::ReportSplit split)
 
 void PortUSB::ThreadDealDataFunc()
 {
-    m_link->reassembler.run(m_dealRunning, nullptr);
+    d->link.reassembler.run(m_dealRunning, nullptr);
 }
+
+COMM_DEFINE_STREAM_OPERATIONS(PortUSB, d->link)

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <memory>
 
 #include <QByteArray>
@@ -13,12 +12,8 @@
 #include "ModulelEnum.h"
 #include "PortBase.h"
 #include "ProtocolData.h"
-#include "StreamTransport.h"
 
-namespace comm {
-class HidDevice;
-enum class ReportSplit;
-} // namespace comm
+class PortUSBPrivate;
 
 /// The USB HID transport (connection type ConnUSB).
 ///
@@ -35,7 +30,7 @@ enum class ReportSplit;
 /// signalUSBChanged(). It serves the oldest PortUSB still alive, and nothing
 /// once none is. It never reopens the device: on signalUSBChanged(true) the
 /// application calls openUSB() again.
-class COMM_MODULE_EXPORT PortUSB : public PortBase, public StreamTransport
+class COMM_MODULE_EXPORT PortUSB : public PortBase
 {
     Q_OBJECT
 
@@ -106,7 +101,7 @@ public:
     /// Any thread; the emptying runs on a new thread, which the destructor waits for.
     /// \logs
     /// Logs nothing.
-    void clearQueue() override { clearQueueDetached(m_cmdDeal); }
+    void clearQueue() override;
     /// Sets the device type stamped on every reply record from now on.
     ///
     /// Returns nothing.
@@ -115,7 +110,7 @@ public:
     /// Any thread; the reassembly worker reads it atomically.
     /// \logs
     /// Logs nothing.
-    void setDeviceType(ModulelEnum::DeviceType type) override { setReplyDeviceType(type); }
+    void setDeviceType(ModulelEnum::DeviceType type) override;
 
     /// Opens the first HID device with vid and pid and starts a fresh reader
     /// and reassembly worker.
@@ -155,20 +150,6 @@ public:
     /// \logs
     /// Logs nothing.
     void USBChanged();
-
-    /// A function that pauses for a duration.
-    using PauseFunction = void (*)(std::chrono::milliseconds);
-    /// Replaces the 100 ms pause of openUSB() and closeUSB(), for every PortUSB.
-    ///
-    /// The pause is taken by calling pause with that duration; null (the
-    /// default) sleeps. For tests that open and close transports by the
-    /// thousand; the library never sets it. Returns nothing.
-    /// \param pause The pause function, or null to sleep.
-    /// \threads
-    /// Any thread; stored atomically, used by the next pause.
-    /// \logs
-    /// Logs nothing.
-    static void setOpenClosePause(PauseFunction pause);
 
     /// Writes data as output reports of 64 bytes and one short report for the
     /// rest; nothing while closed.
@@ -217,14 +198,28 @@ public:
     /// `PortUSB::getArrayData   dataStr==` followed by the 16 digits for a check failure.
     void ThreadDealDataFunc();
 
-    /// Whether a device is open.
-    ///
-    /// \threads
-    /// Any thread.
-    /// \logs
-    /// Logs nothing.
-    /// \return true while a device is open.
-    bool isOpen() const;
+    /// \copydoc PortSerial::isFindStdCmdPreFlag
+    bool isFindStdCmdPreFlag(QByteArray snapshot);
+    /// \copydoc PortSerial::checkCMD
+    bool checkCMD(QByteArray frame);
+    /// \copydoc PortSerial::checkBlock
+    bool checkBlock(ProtocolData record, unsigned short length);
+    /// \copydoc PortSerial::getArrayData
+    bool getArrayData(QByteArray frame, ProtocolData *out);
+    /// \copydoc PortSerial::addToReceivedQueue
+    void addToReceivedQueue(ProtocolData record);
+    /// \copydoc PortSerial::setRetFlagStatus
+    void setRetFlagStatus(bool value);
+    /// \copydoc PortSerial::appendBuffData
+    void appendBuffData(QByteArray data);
+    /// \copydoc PortSerial::getBuffData
+    QByteArray getBuffData(unsigned short len);
+    /// \copydoc PortSerial::takeBuffData
+    QByteArray takeBuffData(unsigned short len);
+    /// \copydoc PortSerial::produceCmds
+    QByteArray produceCmds(ProtocolData record);
+    /// \copydoc PortSerial::changeData
+    QByteArray changeData(QByteArray data);
 
     /// Kept for applications; nothing in the class sets it. While true, sending
     /// also forms the frame's command text (and drops it).
@@ -261,34 +256,15 @@ public slots:
     /// `Send usb data:` followed by the frame's 19-byte header.
     void sendDatatoDevice(void *parameters) override;
 
-protected:
-    /// From here on the hot-plug watcher leaves this object alone, and no call
-    /// of the watcher's is in progress on it.
-    ///
-    /// The destructor does this first; a derived class whose closeUSB()
-    /// override uses its own members calls it at the start of its destructor.
-    /// Returns nothing.
-    /// \threads
-    /// Any thread; waits for a watcher call in progress on this transport,
-    /// except on the watcher's own thread.
-    /// \logs
-    /// Logs nothing.
-    void stopHotPlugReports();
-
 private:
+    friend class PortUSBPrivate;
+
     // The hot-plug watcher's body (never returns).
     static void ThreadUSBChanged();
 
-    // Stops the reader, closes the device and stops the reassembly worker,
-    // emptying the receive buffer when asked. Called with m_linkLock held.
-    void closeDevice(bool clearBuffer);
-    void writeReports(const QByteArray &data, comm::ReportSplit split);
-
-    // Serialises openUSB and closeUSB, wherever they are called from (the
-    // watcher closes on its own thread).
-    QMutex m_linkLock;
-    // The device, with the rules for reading, writing and closing it from
-    // several threads at once.
-    std::unique_ptr<comm::HidDevice> m_device;
     CmdDealModule m_cmdDeal;
+    // The device with its locks, the receive buffer with its reassembler,
+    // the reply hand-off and the workers: kept out of this class's layout, so
+    // that they can change without applications being rebuilt.
+    const std::unique_ptr<PortUSBPrivate> d;
 };

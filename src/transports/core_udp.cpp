@@ -1,18 +1,15 @@
-#include "core_udp.h"
+#include "core_udp_p.h"
 
 #include <QNetworkInterface>
 #include <QUdpSocket>
 #include <QVariant>
 
 #include "CommandFrame.h"
-#include "DatagramReplyParser.h"
 #include "DatagramSend.h"
 #include "DebugLog.h"
 #include "FrameHexText.h"
-#include "IoThread.h"
 #include "LocalAddress.h"
 #include "NativeDatagram.h"
-#include "ReceiveQueueSink.h"
 #include "WireTap.h"
 
 std::mutex PortUDP::stdCMDlock;
@@ -23,39 +20,39 @@ constexpr int kReceiveBufferSize = 4096;
 
 } // namespace
 
-void PortUDP::reportSend(const comm::SendOutcome &outcome)
+// Reply parsing works on the transport's buffers and hands records to a sink
+// that drops them while the deal flag is false.
+PortUDPPrivate::PortUDPPrivate(PortUDP &port)
+    : sink(&port.m_dealFlag)
+    , parser({port.m_lastDatagram, port.m_pendingStdReply, port.m_blockBuffer, PortUDP::stdCMDlock}, sink)
+    , io("PortUDP-io")
+    , q(port)
+{
+}
+
+void PortUDPPrivate::reportSend(const comm::SendOutcome &outcome)
 {
     comm::debugLine(QString::fromLatin1(outcome.logText));
     if (!outcome.rebuildSocket)
         return;
     // Emitted on the I/O thread, whose next pass runs the queued rebuild:
     // after this send, whichever thread sent.
-    m_io->run([this] { emit signalReInitUdp(); });
+    io.run([this] { emit q.signalReInitUdp(); });
 }
 
-// Reply parsing over the transport's buffers, and the sink it hands records
-// to, which drops them while the deal flag is false.
-struct PortUDP::ReplyPath
-{
-    explicit ReplyPath(PortUDP &port)
-        : sink(&port.m_dealFlag)
-        , parser({port.m_lastDatagram, port.m_pendingStdReply, port.m_blockBuffer, PortUDP::stdCMDlock}, sink)
-    {
-    }
-
-    comm::ReceiveQueueSink sink;
-    comm::DatagramReplyParser parser;
-};
-
 PortUDP::PortUDP()
-    : m_reply(std::make_unique<ReplyPath>(*this))
-    , m_io(std::make_unique<comm::IoThread>("PortUDP-io"))
+    : d(std::make_unique<PortUDPPrivate>(*this))
 {
     initUdp();
     m_deviceIP = QString::fromLatin1(kDefaultDeviceAddress);
 }
 
 PortUDP::~PortUDP()
+{
+    d->shutDown();
+}
+
+void PortUDPPrivate::shutDown()
 {
     // Destructors do not throw here; should a step throw all the same, the
     // process ends rather than leave a half-destroyed transport behind.
@@ -65,27 +62,32 @@ PortUDP::~PortUDP()
     // deleted from any thread. The teardown runs before the I/O thread ends;
     // a rebuild still queued behind it finds the transport torn down and
     // makes no socket.
-    m_io->run([this] {
+    io.run([this] {
         // Made on this thread, and undone here too.
-        disconnect(this, &PortUDP::signalReInitUdp, nullptr, nullptr);
-        std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        QObject::disconnect(&q, &PortUDP::signalReInitUdp, nullptr, nullptr);
+        std::unique_lock<std::shared_mutex> guard(socketGuard);
         m_tornDown = true;
         tearDownSocket(Rebuild::DropDeviceAddress);
     });
-    m_io->stop();
+    io.stop();
     // Hand-offs, block combinations and queue clearing refer to the sink.
-    m_reply->sink.waitForDetachedWork();
+    sink.waitForDetachedWork();
 }
 
 void PortUDP::initUdp()
 {
-    m_io->run([this] {
-        std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
+    d->initSocket();
+}
+
+void PortUDPPrivate::initSocket()
+{
+    io.run([this] {
+        std::unique_lock<std::shared_mutex> guard(socketGuard);
         createSocket();
     });
 }
 
-void PortUDP::createSocket()
+void PortUDPPrivate::createSocket()
 {
     // Looked up as always, but never bound to: the socket takes an ephemeral
     // port on its first send, and replies come back to that port.
@@ -96,48 +98,49 @@ void PortUDP::createSocket()
     // On a socket that is not bound yet Qt keeps nothing of this option.
     socket->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, QVariant(kReceiveBufferSize));
     // Direct: readyRead() is emitted on the I/O thread, and parsing runs there.
-    connect(socket, &QUdpSocket::readyRead, this, &PortUDP::readPendingDatagrams, Qt::DirectConnection);
+    QObject::connect(socket, &QUdpSocket::readyRead, &q, &PortUDP::readPendingDatagrams, Qt::DirectConnection);
     // Made again on every build and only removed by the destructor: after n
     // rebuilds one emission queues n + 1 rebuilds, each on the I/O thread's
     // next pass.
-    connect(
-        this, &PortUDP::signalReInitUdp, m_io->context(), [this] { reInitUdp(); }, Qt::QueuedConnection);
-    m_udpSocket = socket;
+    QObject::connect(
+        &q, &PortUDP::signalReInitUdp, io.context(), [this] { q.reInitUdp(); }, Qt::QueuedConnection);
+    q.m_udpSocket = socket;
     m_boundDescriptor = -1;
 }
 
-void PortUDP::tearDownSocket(Rebuild kind)
+void PortUDPPrivate::tearDownSocket(Rebuild kind)
 {
     m_boundDescriptor = -1;
-    if (m_udpSocket) {
-        disconnect(m_udpSocket, &QUdpSocket::readyRead, this, &PortUDP::readPendingDatagrams);
+    QUdpSocket *const socket = q.m_udpSocket;
+    if (socket) {
+        QObject::disconnect(socket, &QUdpSocket::readyRead, &q, &PortUDP::readPendingDatagrams);
         // Drops buffered input. A UDP socket that is not connected is never
         // open for reading, and Qt would only warn about it.
-        if (kind == Rebuild::DropDeviceAddress && m_udpSocket->isOpen())
-            m_udpSocket->readAll();
-        m_udpSocket->close();
+        if (kind == Rebuild::DropDeviceAddress && socket->isOpen())
+            socket->readAll();
+        socket->close();
     }
     {
-        std::lock_guard<std::mutex> guard(stdCMDlock);
-        m_blockBuffer.clear();
-        m_lastDatagram.clear();
+        std::lock_guard<std::mutex> guard(PortUDP::stdCMDlock);
+        q.m_blockBuffer.clear();
+        q.m_lastDatagram.clear();
         if (kind == Rebuild::DropDeviceAddress)
-            m_deviceIP.clear();
-        m_pendingStdReply.clear();
-        m_spareBuffer.clear();
+            q.m_deviceIP.clear();
+        q.m_pendingStdReply.clear();
+        q.m_spareBuffer.clear();
     }
-    delete m_udpSocket;
-    m_udpSocket = nullptr;
+    delete socket;
+    q.m_udpSocket = nullptr;
 }
 
-void PortUDP::rebuildSocket(Rebuild kind)
+void PortUDPPrivate::rebuildSocket(Rebuild kind)
 {
     // Closed and made again on the I/O thread, where its replies are read,
     // whichever thread asked for the rebuild.
-    m_io->run([this, kind] {
+    io.run([this, kind] {
         // One step for the threads that send: they find the old socket or
         // the new one, never none.
-        std::unique_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        std::unique_lock<std::shared_mutex> guard(socketGuard);
         if (m_tornDown)
             return; // queued before the destructor's teardown, run after it
         tearDownSocket(kind);
@@ -147,12 +150,12 @@ void PortUDP::rebuildSocket(Rebuild kind)
 
 void PortUDP::reInitUdp()
 {
-    rebuildSocket(Rebuild::DropDeviceAddress);
+    d->rebuildSocket(PortUDPPrivate::Rebuild::DropDeviceAddress);
 }
 
 void PortUDP::reInitUdpZabrel()
 {
-    rebuildSocket(Rebuild::KeepDeviceAddress);
+    d->rebuildSocket(PortUDPPrivate::Rebuild::KeepDeviceAddress);
 }
 
 void PortUDP::setDeviceIP(QString ip)
@@ -169,7 +172,7 @@ void PortUDP::setPort(int port)
 
 void PortUDP::clearQueue()
 {
-    m_reply->sink.clearQueueDetached(m_cmdDeal);
+    d->sink.clearQueueDetached(m_cmdDeal);
 }
 
 void PortUDP::setDeviceType(ModulelEnum::DeviceType type)
@@ -193,45 +196,53 @@ void PortUDP::sendDatatoDevice(void *parameters)
     comm::debugLine(QStringLiteral("Send data:"), frame);
 }
 
-qint64 PortUDP::writeDatagramTo(const char *bytes, qint64 size, const QHostAddress &address, quint16 port)
+qint64 PortUDPPrivate::writeDatagramTo(const char *bytes, qint64 size, const QHostAddress &address, quint16 port)
+{
+    if (writeSeam)
+        return writeSeam(bytes, size, address, port);
+    return writeToSocket(bytes, size, address, port);
+}
+
+qint64 PortUDPPrivate::writeToSocket(const char *bytes, qint64 size, const QHostAddress &address, quint16 port)
 {
     // Qt would send a datagram for a null address to the local host; the
     // network link reports it as a failed write instead.
-    if (address.isNull() || !m_udpSocket)
+    QUdpSocket *const socket = q.m_udpSocket;
+    if (address.isNull() || !socket)
         return -1;
     const qintptr bound = m_boundDescriptor;
     if (bound >= 0) {
         const qint64 written = comm::sendDatagram({bound, m_boundFamily}, bytes, size, address, port);
         if (written >= 0)
-            comm::wiretap::datagram(comm::wiretap::Direction::Written, bytes, written, bound, address, port);
+            comm::wiretap::datagram(&q, comm::wiretap::Direction::Written, bytes, written, bound, address, port);
         return written;
     }
     // The first send, on the I/O thread: Qt binds the socket to an ephemeral
     // port and starts watching it for replies.
-    const qint64 written = m_udpSocket->writeDatagram(bytes, size, address, port);
-    if (m_udpSocket->state() == QAbstractSocket::BoundState) {
-        const comm::BoundSocket socket = comm::boundSocket(m_udpSocket->socketDescriptor());
-        m_boundFamily = socket.family;
-        m_boundDescriptor = socket.descriptor;
+    const qint64 written = socket->writeDatagram(bytes, size, address, port);
+    if (socket->state() == QAbstractSocket::BoundState) {
+        const comm::BoundSocket boundSocket = comm::boundSocket(socket->socketDescriptor());
+        m_boundFamily = boundSocket.family;
+        m_boundDescriptor = boundSocket.descriptor;
     }
     if (written >= 0)
-        comm::wiretap::datagram(comm::wiretap::Direction::Written, bytes, written, m_udpSocket->socketDescriptor(),
+        comm::wiretap::datagram(&q, comm::wiretap::Direction::Written, bytes, written, socket->socketDescriptor(),
                                 address, port);
     return written;
 }
 
 template <typename Write>
-auto PortUDP::withSocketForSend(Write write) -> decltype(write())
+auto PortUDPPrivate::withSocketForSend(Write write) -> decltype(write())
 {
     {
-        std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        std::shared_lock<std::shared_mutex> guard(socketGuard);
         // Once bound, the socket stays bound while the guard is held.
-        if (m_boundDescriptor >= 0 || m_io->isCurrent())
+        if (m_boundDescriptor >= 0 || io.isCurrent())
             return write();
     }
     decltype(write()) result{};
-    m_io->run([&] {
-        std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
+    io.run([&] {
+        std::shared_lock<std::shared_mutex> guard(socketGuard);
         result = write();
     });
     return result;
@@ -239,12 +250,17 @@ auto PortUDP::withSocketForSend(Write write) -> decltype(write())
 
 void PortUDP::sendUdpData(QByteArray data)
 {
+    d->sendUnicast(data);
+}
+
+void PortUDPPrivate::sendUnicast(const QByteArray &data)
+{
     QString deviceIP;
     quint16 port = 0;
     {
-        std::lock_guard<std::mutex> guard(stdCMDlock);
-        deviceIP = m_deviceIP;
-        port = static_cast<quint16>(m_port);
+        std::lock_guard<std::mutex> guard(PortUDP::stdCMDlock);
+        deviceIP = q.m_deviceIP;
+        port = static_cast<quint16>(q.m_port);
     }
     const QHostAddress address(deviceIP);
     const int sent = withSocketForSend([&] {
@@ -257,10 +273,15 @@ void PortUDP::sendUdpData(QByteArray data)
 
 void PortUDP::sendUdpDataBroadcast(QByteArray data)
 {
+    d->sendBroadcast(data);
+}
+
+void PortUDPPrivate::sendBroadcast(const QByteArray &data)
+{
     quint16 port = 0;
     {
-        std::lock_guard<std::mutex> guard(stdCMDlock);
-        port = static_cast<quint16>(m_port);
+        std::lock_guard<std::mutex> guard(PortUDP::stdCMDlock);
+        port = static_cast<quint16>(q.m_port);
     }
     const qint64 result = withSocketForSend(
         [&] { return writeDatagramTo(data.constData(), data.size(), QHostAddress(QHostAddress::Broadcast), port); });
@@ -269,31 +290,32 @@ void PortUDP::sendUdpDataBroadcast(QByteArray data)
 
 void PortUDP::readPendingDatagrams()
 {
-    m_io->run([this] { readPendingHere(); });
+    d->io.run([this] { d->readPending(); });
 }
 
-void PortUDP::readPendingHere()
+void PortUDPPrivate::readPending()
 {
+    // Bounded by what the socket holds: each pass takes one datagram.
     while (true) {
         QByteArray datagram;
         QHostAddress sender;
         quint16 senderPort = 0;
         {
-            std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
+            std::shared_lock<std::shared_mutex> guard(socketGuard);
+            QUdpSocket *const socket = q.m_udpSocket;
             // A socket that no send has bound yet has nothing to read.
-            if (!m_udpSocket || m_udpSocket->state() != QAbstractSocket::BoundState
-                || !m_udpSocket->hasPendingDatagrams())
+            if (!socket || socket->state() != QAbstractSocket::BoundState || !socket->hasPendingDatagrams())
                 return;
-            const qint64 size = m_udpSocket->pendingDatagramSize();
+            const qint64 size = socket->pendingDatagramSize();
             datagram.resize(static_cast<int>(qMax<qint64>(size, 0)));
-            const qint64 read = m_udpSocket->readDatagram(datagram.data(), datagram.size(), &sender, &senderPort);
+            const qint64 read = socket->readDatagram(datagram.data(), datagram.size(), &sender, &senderPort);
             if (read < 0)
                 return;
             datagram.truncate(static_cast<int>(read));
-            comm::wiretap::datagram(comm::wiretap::Direction::Read, datagram.constData(), datagram.size(),
-                                    m_udpSocket->socketDescriptor(), sender, senderPort);
+            comm::wiretap::datagram(&q, comm::wiretap::Direction::Read, datagram.constData(), datagram.size(),
+                                    socket->socketDescriptor(), sender, senderPort);
         }
-        m_reply->parser.takeDatagram(datagram, comm::senderText(sender.toString()), m_deviceType.load());
+        parser.takeDatagram(datagram, comm::senderText(sender.toString()), q.m_deviceType.load());
     }
 }
 
@@ -325,7 +347,7 @@ ProtocolData PortUDP::getArrayData(QByteArray datagram)
 
 void PortUDP::combineSTDCMDandBloackCMD(QByteArray blockData, QByteArray heldReply)
 {
-    m_reply->sink.deliverOrWake(comm::combineReplyWithBlock(blockData, heldReply));
+    d->sink.deliverOrWake(comm::combineReplyWithBlock(blockData, heldReply));
 }
 
 int PortUDP::combineTwoByte(unsigned char low, unsigned char high)
@@ -335,7 +357,7 @@ int PortUDP::combineTwoByte(unsigned char low, unsigned char high)
 
 void PortUDP::addToReceivedQueue(ProtocolData record)
 {
-    m_reply->sink.deliverNow(record);
+    d->sink.deliverNow(record);
 }
 
 void PortUDP::setRetFlagStatus(bool value)

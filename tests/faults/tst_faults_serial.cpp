@@ -29,6 +29,7 @@
 #include "ReceiveQueue.h"
 #include "SerialLink.h"
 #include "ThreadCount.h"
+#include "TransportProbe.h"
 
 using generatedreplies::blockWithSum;
 using generatedreplies::replyFrame;
@@ -143,7 +144,7 @@ void checkCarriesNextCommand(PortSerial &port, PseudoTerminal &pty)
     QVERIFY(pty.deviceSends(kReply7FFF));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), queued + 1, kWaitMs);
     QCOMPARE(numberOf(testqueue::records().back()), 0x7FFF);
-    QCOMPARE(port.runningWorkers(), 1);
+    QCOMPARE(runningWorkers(port), 1);
 }
 } // namespace
 
@@ -210,7 +211,7 @@ void TestSerialFaults::hangUpInTheMiddleOfABlockLosesOnlyThatReply()
     const QByteArray firstPart(40, 'b');
     QVERIFY(pty->deviceSends(blockFrame + firstPart));
     // The worker has taken the frame and waits for the rest of its block.
-    QTRY_COMPARE_WITH_TIMEOUT(port->buffData(), firstPart, kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(*port), firstPart, kWaitMs);
     pty->closeMaster();
 
     // The wait for the block gives up; the reply is reported and dropped.
@@ -226,8 +227,8 @@ void TestSerialFaults::hangUpInTheMiddleOfABlockLosesOnlyThatReply()
         // thread; the buffers are emptied after it. Waiting for the I/O
         // thread's current call lets the close finish.
         syncWithIoThread(*port);
-        QTRY_COMPARE_WITH_TIMEOUT(port->runningWorkers(), 0, kWaitMs);
-        QCOMPARE(port->buffData(), QByteArray());
+        QTRY_COMPARE_WITH_TIMEOUT(runningWorkers(*port), 0, kWaitMs);
+        QCOMPARE(buffData(*port), QByteArray());
     }
 
     // Only the reply delivered before the hang-up is queued.
@@ -240,7 +241,7 @@ void TestSerialFaults::hangUpInTheMiddleOfABlockLosesOnlyThatReply()
     pty = std::make_unique<PseudoTerminal>();
     REQUIRE_PTY(*pty);
     QVERIFY(openOn(*port, *pty));
-    QCOMPARE(port->runningWorkers(), 1);
+    QCOMPARE(runningWorkers(*port), 1);
     checkCarriesNextCommand(*port, *pty);
     records = testqueue::records();
     QCOMPARE(records.size(), size_t(2));
@@ -280,7 +281,7 @@ void TestSerialFaults::bytesArrivingWhileThePortIsReopenedMakeNoFalseOrRepeatedR
         for (int reopen = 0; reopen < 10; ++reopen) {
             QTest::qWait(25); // replies come in meanwhile
             QVERIFY(openOn(*port, pty));
-            QCOMPARE(port->runningWorkers(), 1);
+            QCOMPARE(runningWorkers(*port), 1);
         }
         stop = true;
         QTRY_VERIFY_WITH_TIMEOUT(device.done(), kWaitMs);
@@ -306,7 +307,7 @@ void TestSerialFaults::bytesArrivingWhileThePortIsReopenedMakeNoFalseOrRepeatedR
         return true;
     };
     QTRY_VERIFY_WITH_TIMEOUT(allAfterQueued(), kWaitMs);
-    QTRY_COMPARE_WITH_TIMEOUT(port->buffData(), QByteArray(), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(*port), QByteArray(), kWaitMs);
 
     // Replies in the buffer when the port was reopened are lost, and no
     // other: each record is one that was sent, intact, and comes once.
@@ -402,7 +403,7 @@ void TestSerialFaults::floodOfGarbageDeliversEveryValidFrameOnce()
         QVERIFY(!writesFailed);
     }
     // Nothing more comes once the garbage is worked through.
-    QTRY_VERIFY_WITH_TIMEOUT(port->buffData().size() < 19, kWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(buffData(*port).size() < 19, kWaitMs);
     QTest::qWait(50); // a few more worker turns, to see that no record follows
 
     std::vector<ProtocolData> records = testqueue::records();
@@ -451,7 +452,7 @@ void TestSerialFaults::floodOfTenMegabytesOfBracketsKeepsTheBufferBounded()
         QElapsedTimer timer;
         timer.start();
         for (int looks = 0; looks < 100000 && !device.done() && timer.elapsed() < kWaitMs; ++looks) {
-            largest = std::max(largest, int(port->buffData().size()));
+            largest = std::max(largest, int(buffData(*port).size()));
             QTest::qWait(5);
         }
         QTRY_VERIFY_WITH_TIMEOUT(device.done(), kWaitMs);
@@ -460,7 +461,7 @@ void TestSerialFaults::floodOfTenMegabytesOfBracketsKeepsTheBufferBounded()
     QVERIFY2(largest <= kCap, qPrintable(QStringLiteral("the buffer held %1 bytes").arg(largest)));
     // The last of the flood reaches the buffer, which stays at its cap.
     QTRY_VERIFY_WITH_TIMEOUT(linesStartingWith(log, QStringLiteral("Receive buffer full")) == 1, kWaitMs);
-    largest = std::max(largest, int(port->buffData().size()));
+    largest = std::max(largest, int(buffData(*port).size()));
     QVERIFY2(largest <= kCap, qPrintable(QStringLiteral("the buffer held %1 bytes").arg(largest)));
     QVERIFY2(largest >= kCap - kWriteBytes, qPrintable(QString::number(largest)));
     QCOMPARE(log.lines().filter(QStringLiteral("Receive buffer")),
@@ -473,7 +474,7 @@ void TestSerialFaults::floodOfTenMegabytesOfBracketsKeepsTheBufferBounded()
     // command and its reply.
     port->closeSerialPort();
     QVERIFY(openOn(*port, pty));
-    QCOMPARE(port->buffData(), QByteArray());
+    QCOMPARE(buffData(*port), QByteArray());
     checkCarriesNextCommand(*port, pty);
 }
 

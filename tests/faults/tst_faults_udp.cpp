@@ -41,6 +41,7 @@
 #include "ProbePortUDP.h"
 #include "ReceiveQueue.h"
 #include "ReplyDatagrams.h"
+#include "TransportProbe.h"
 
 namespace {
 // Generous: sanitizer builds on a loaded two-core machine.
@@ -150,7 +151,7 @@ class ViewedPortUDP : public PortUDP
 public:
     QUdpSocket *socket() const
     {
-        std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        std::shared_lock<std::shared_mutex> guard(socketGuard(*this));
         return m_udpSocket;
     }
     QString deviceIP() const

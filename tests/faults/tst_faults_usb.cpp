@@ -29,6 +29,7 @@
 #include "ThreadCount.h"
 #include "UsbReports.h"
 #include "UsbSignalLog.h"
+#include "TransportProbe.h"
 
 using generatedreplies::replyFrame;
 using namespace usbreports;
@@ -200,7 +201,7 @@ bool TestUsbFaults::plugBackAndReopen(PortUSB &port, const UsbSignalLog &plugEve
     if (nextPlugEvent(plugEvents, reported) != QStringLiteral("true"))
         return false;
     // The watcher does not reopen: the application does, on that signal.
-    if (port.isOpen())
+    if (isOpen(port))
         return false;
     return openAndLetWatcherSeeIt(port);
 }
@@ -239,8 +240,8 @@ void TestUsbFaults::deviceVanishingDuringLongWriteEndsTheWriteAndClosesTheLink()
     QCOMPARE(log.count(QStringLiteral("Send usb data:") + QString::fromLatin1(port.produceCmds(record).left(19))), 1);
 
     // The watcher closed the link: no device, no workers, nothing queued.
-    QVERIFY(!port.isOpen());
-    QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 0, kWaitMs);
+    QVERIFY(!isOpen(port));
+    QTRY_COMPARE_WITH_TIMEOUT(runningWorkers(port), 0, kWaitMs);
     QCOMPARE(testqueue::length(), size_t(0));
 
     QVERIFY(plugBackAndReopen(port, plugEvents));
@@ -260,13 +261,13 @@ void TestUsbFaults::deviceVanishingDuringReadDropsOnlyTheUnfinishedFrame()
     // The first ten bytes of the next reply, in a report of their own.
     const QByteArray second = kReply2;
     simhid::queueInput(second.left(10));
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), second.left(10), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), second.left(10), kWaitMs);
     // The reader is waiting in its next read when the device goes.
     QTRY_COMPARE_WITH_TIMEOUT(simhid::pendingInput(), 0, kWaitMs);
     QVERIFY(pullOut(plugEvents));
-    QVERIFY(!port.isOpen());
-    QCOMPARE(port.buffData(), QByteArray());
-    QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 0, kWaitMs);
+    QVERIFY(!isOpen(port));
+    QCOMPARE(buffData(port), QByteArray());
+    QTRY_COMPARE_WITH_TIMEOUT(runningWorkers(port), 0, kWaitMs);
 
     // Back again: the rest of the cut reply is garbage, the next one a reply.
     QVERIFY(plugBackAndReopen(port, plugEvents));
@@ -299,14 +300,14 @@ void TestUsbFaults::repliesStreamingWhileTheDeviceVanishesComeAtMostOnce()
             inputReport(replyFrame(numbered(n)) + replyFrame(numbered(n + 1)) + replyFrame(numbered(n + 2))));
     QTRY_VERIFY_WITH_TIMEOUT(testqueue::length() >= 3, kWaitMs);
     QVERIFY(pullOut(plugEvents));
-    QVERIFY(!port.isOpen());
-    QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 0, kWaitMs);
+    QVERIFY(!isOpen(port));
+    QTRY_COMPARE_WITH_TIMEOUT(runningWorkers(port), 0, kWaitMs);
     const int readBeforeRemoval = kReplies - kPerReport * simhid::pendingInput();
 
     // The reports not read yet wait in the device; once reopened they come.
     QVERIFY(plugBackAndReopen(port, plugEvents));
     QTRY_COMPARE_WITH_TIMEOUT(simhid::pendingInput(), 0, kWaitMs);
-    QTRY_VERIFY_WITH_TIMEOUT(port.buffData().size() < 19, kWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(buffData(port).size() < 19, kWaitMs);
     // The hand-offs are done: the last reply, if it was still in the device,
     // has been queued (its hand-off starts after every earlier one), and no
     // hand-off thread is left.
@@ -365,7 +366,7 @@ void TestUsbFaults::writeFailingAtAnyReportDropsTheRestAndTheNextCommandGoesThro
     QCOMPARE(simhid::writes(), std::vector<QByteArray>(reports.begin(), reports.begin() + failingReport - 1));
     QCOMPARE(log.lines(), (QStringList{QStringLiteral("Send failed"),
                                        QStringLiteral("Send usb data:") + QString::fromLatin1(frameBytes.left(19))}));
-    QVERIFY(port.isOpen());
+    QVERIFY(isOpen(port));
 
     // The same frame again goes out whole, and replies still come in.
     port.sendDatatoDevice(&sent);

@@ -3,8 +3,8 @@
 # nothing else: their members, vtables, type information and Qt meta-object
 # data. Anything more (the comm:: internals above all) would become part of
 # the library's binary interface, which applications could start to depend on.
-# The public classes are those the public headers declare with
-# COMM_MODULE_EXPORT.
+# The public classes (and the few free functions) are those the public headers
+# declare with COMM_MODULE_EXPORT.
 #   check-exported-symbols.sh LIBRARY PUBLIC_HEADER...
 set -euo pipefail
 library=$1
@@ -16,6 +16,8 @@ if [ -z "$classes" ]; then
     exit 1
 fi
 class_pattern=$(paste -sd'|' <<<"$classes")
+# Free functions the headers declare COMM_MODULE_EXPORT (the run-time version).
+functions=$(sed -n 's/^COMM_MODULE_EXPORT [^(]*[ *]\([A-Za-z_][A-Za-z0-9_]*\)(.*/\1/p' "$@" | sort -u)
 
 symbols=$(nm -D --defined-only -C "$library" | sed -E 's/^[0-9a-fA-F]* +[A-Za-z] //')
 if [ -z "$symbols" ]; then
@@ -29,6 +31,9 @@ fi
 allowed="^(($class_pattern)::"
 allowed+="|(non-virtual |virtual )?thunk to ($class_pattern)::"
 allowed+="|(vtable|VTT|typeinfo|typeinfo name) for ($class_pattern)\$"
+if [ -n "$functions" ]; then
+    allowed+="|($(paste -sd'|' <<<"$functions"))\\("
+fi
 allowed+="|_init\$|_fini\$|_edata\$|_end\$|__bss_start\$"
 allowed+="|__odr_asan[._]|__asan_|__ubsan_|__sancov_|__start___sancov|__stop___sancov"
 allowed+=")"

@@ -65,12 +65,30 @@ if [ "$library_paths" != "\$ORIGIN/comm_module" ]; then
 fi
 if [ -n "$with_commctl" ]; then
     commctl_paths=$(run_paths "$prefix/bin/commctl")
-    if [ "$commctl_paths" != "\$ORIGIN/../$companiondir" ]; then
-        echo "bin/commctl: run path '$commctl_paths', expected '\$ORIGIN/../$companiondir'" >&2
+    expected="\$ORIGIN/../$(dirname "$companiondir"):\$ORIGIN/../$companiondir"
+    if [ "$commctl_paths" != "$expected" ]; then
+        echo "bin/commctl: run path '$commctl_paths', expected '$expected'" >&2
         status=1
     fi
 fi
 [ $status -eq 0 ] || exit 1
+
+echo "== installed headers"
+# The application's interface and nothing else; the companion's headers have
+# a folder of their own.
+include_dir="$prefix/include/comm_module$(tr '[:upper:]' '[:lower:]' <<<"${package#CommModule}" | sed 's/^./_&/')"
+headers=$(cd "$include_dir" && find . -type f -printf '%P\n' | sort | paste -sd' ')
+expected_headers="CommModuleVersion.h PortBase.h PortInterface.h PortSerial.h PortUDP.h PortUSB.h PortWireObserver.h comm_module_export.h"
+if [ "$headers" != "$expected_headers" ]; then
+    echo "$include_dir holds: $headers; expected: $expected_headers" >&2
+    exit 1
+fi
+companion_headers=$(cd "${include_dir}_companion" && find . -type f -printf '%P\n' | sort | paste -sd' ')
+if [ "$companion_headers" != "CmdDealModule.h ModulelEnum.h ProtocolData.h" ]; then
+    echo "${include_dir}_companion holds: $companion_headers" >&2
+    exit 1
+fi
+echo "$headers"
 
 if [ -n "$with_commctl" ]; then
     echo "== installed commctl, without LD_LIBRARY_PATH"

@@ -25,6 +25,7 @@
 #include "ReceiveQueue.h"
 #include "UsbReports.h"
 #include "UsbSignalLog.h"
+#include "TransportProbe.h"
 
 using emulatedusb::kWaitMs;
 using emulatedusb::waitUntil;
@@ -112,8 +113,8 @@ void TestRealHidFaults::init()
 
 void TestRealHidFaults::cleanup()
 {
-    QVERIFY(m_port->isOpen());
-    QCOMPARE(m_port->runningWorkers(), 2);
+    QVERIFY(isOpen(*m_port));
+    QCOMPARE(runningWorkers(*m_port), 2);
 }
 
 void TestRealHidFaults::cleanupTestCase()
@@ -140,7 +141,7 @@ bool TestRealHidFaults::plugBackAndReopen()
         || m_events.entries().mid(reported) != QStringList{QStringLiteral("true")})
         return false;
     // The watcher does not reopen: the application does, on that signal.
-    return !m_port->isOpen() && m_port->openUSB(kVid, kPid);
+    return !isOpen(*m_port) && m_port->openUSB(kVid, kPid);
 }
 
 void TestRealHidFaults::checkCarriesNextCommand()
@@ -199,8 +200,8 @@ void TestRealHidFaults::deviceVanishingDuringLongWriteEndsTheWriteAndClosesTheLi
     QCOMPARE(log.lines(), (QStringList{QStringLiteral("Send failed"),
                                        QStringLiteral("Send usb data:") + QString::fromLatin1(frameBytes.left(19))}));
     // The watcher closed the link: no device, no workers, nothing queued.
-    QVERIFY(!m_port->isOpen());
-    QTRY_COMPARE_WITH_TIMEOUT(m_port->runningWorkers(), 0, kWaitMs);
+    QVERIFY(!isOpen(*m_port));
+    QTRY_COMPARE_WITH_TIMEOUT(runningWorkers(*m_port), 0, kWaitMs);
     QCOMPARE(testqueue::length(), size_t(0));
 
     QVERIFY(plugBackAndReopen());
@@ -216,18 +217,18 @@ void TestRealHidFaults::deviceVanishingDuringReadDropsOnlyTheUnfinishedFrame()
     // next read when the device goes.
     const QByteArray second = kReply2;
     QVERIFY(emulatedhid::writeInput(m_device.master, second.left(10)));
-    QTRY_COMPARE_WITH_TIMEOUT(m_port->buffData(), second.left(10), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(*m_port), second.left(10), kWaitMs);
     QVERIFY(pullOut());
-    QVERIFY(!m_port->isOpen());
-    QCOMPARE(m_port->buffData(), QByteArray());
-    QTRY_COMPARE_WITH_TIMEOUT(m_port->runningWorkers(), 0, kWaitMs);
+    QVERIFY(!isOpen(*m_port));
+    QCOMPARE(buffData(*m_port), QByteArray());
+    QTRY_COMPARE_WITH_TIMEOUT(runningWorkers(*m_port), 0, kWaitMs);
 
     // Back again: the rest of the cut reply is garbage, the next one a reply.
     QVERIFY(plugBackAndReopen());
     QVERIFY(emulatedhid::writeInput(m_device.master, second.mid(10) + inputReport(kReply3)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(2), kWaitMs);
     // Every byte has been through the reassembly; nothing else came of it.
-    QTRY_VERIFY_WITH_TIMEOUT(m_port->buffData().size() < 19, kWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(buffData(*m_port).size() < 19, kWaitMs);
     QCOMPARE(queuedNumbers(), (std::vector<int>{1, 3}));
     checkCarriesNextCommand();
 }

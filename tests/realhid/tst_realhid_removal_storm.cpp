@@ -28,6 +28,7 @@
 #include "ReceiveQueue.h"
 #include "UsbReports.h"
 #include "UsbSignalLog.h"
+#include "TransportProbe.h"
 
 using emulatedusb::kWaitMs;
 using emulatedusb::waitUntil;
@@ -112,7 +113,7 @@ void TestRealHidRemovalStorm::initTestCase()
     m_bed = std::make_unique<emulatedhid::Testbed>();
     m_port = std::make_unique<PortUSB>();
     QObject::connect(m_port.get(), &PortUSB::signalUSBChanged, [this](bool present) {
-        const QString state = m_port->isOpen() ? QStringLiteral("open") : QStringLiteral("closed");
+        const QString state = isOpen(*m_port) ? QStringLiteral("open") : QStringLiteral("closed");
         m_events.note((present ? QStringLiteral("true ") : QStringLiteral("false ")) + state);
     });
     // The watcher looks for this device from now on; it is not there yet.
@@ -248,7 +249,7 @@ void TestRealHidRemovalStorm::recovers()
     QCOMPARE(testqueue::records().front().paramBytes[2], quint8(0x7F));
     // Out again, for the next storm.
     m_bed->unplug(&m_device);
-    QVERIFY(waitUntil([this] { return !m_port->isOpen(); }));
+    QVERIFY(waitUntil([this] { return !isOpen(*m_port); }));
     QVERIFY(settle());
 }
 

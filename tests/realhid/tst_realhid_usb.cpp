@@ -22,6 +22,7 @@
 #include "ProtocolData.h"
 #include "ReceiveQueue.h"
 #include "UsbReports.h"
+#include "TransportProbe.h"
 
 using emulatedusb::kWaitMs;
 using namespace usbreports;
@@ -128,8 +129,8 @@ void TestRealHidUsb::libraryCallsSystemHidapi()
     Dl_info info{};
     QVERIFY(dladdr(open, &info) != 0);
     QVERIFY2(QByteArray(info.dli_fname).contains("libhidapi-hidraw.so"), info.dli_fname);
-    QVERIFY(m_port->isOpen());
-    QCOMPARE(m_port->runningWorkers(), 2);
+    QVERIFY(isOpen(*m_port));
+    QCOMPARE(runningWorkers(*m_port), 2);
 }
 
 void TestRealHidUsb::opensTheDeviceWithItsIdentifiersOnly()
@@ -212,7 +213,7 @@ void TestRealHidUsb::frameWithZeroPaddingYieldsOneRecord()
     QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(reply)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     // The 45 zero bytes go on a later turn, without a record or a log line.
-    QTRY_COMPARE_WITH_TIMEOUT(m_port->buffData(), QByteArray(), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(*m_port), QByteArray(), kWaitMs);
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(testqueue::records().front().commandByte, quint8(3));
     QCOMPARE(log.lines(), QStringList{recvLine(reply)});
@@ -240,7 +241,7 @@ void TestRealHidUsb::frameSplitOverReportsIsRecognised()
     LogCapture log;
     const QByteArray reply = QByteArrayLiteral("[R6601000000000067]"); // check byte 66 + 01
     QVERIFY(emulatedhid::writeInput(m_device.master, reply.left(12)));
-    QTRY_COMPARE_WITH_TIMEOUT(m_port->buffData(), reply.left(12), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(*m_port), reply.left(12), kWaitMs);
     QVERIFY(emulatedhid::writeInput(m_device.master, inputReport(reply.mid(12))));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().commandByte, quint8(0x66));
@@ -271,7 +272,7 @@ void TestRealHidUsb::blockAnnouncingFrameIsQueuedAtOnceAndItsBytesDropped()
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().payload, QByteArray());
     QCOMPARE(testqueue::records().front().paramBytes[1], quint8(0x79));
-    QTRY_COMPARE_WITH_TIMEOUT(m_port->buffData(), QByteArray(), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(*m_port), QByteArray(), kWaitMs);
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(log.lines(), QStringList{recvLine(reply)});
 }

@@ -24,6 +24,7 @@
 #include "PortSerial.h"
 #include "PortUSB.h"
 #include "SimulatedHid.h"
+#include "TransportProbe.h"
 
 using generatedreplies::replyFrame;
 
@@ -233,11 +234,11 @@ struct Traffic
     {
         QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
         testqueue::reset();
-        PortUSB::setOpenClosePause(shortPause);
+        PortUSBPrivate::setOpenClosePause(shortPause);
     }
     ~Traffic()
     {
-        PortUSB::setOpenClosePause(nullptr);
+        PortUSBPrivate::setOpenClosePause(nullptr);
         testqueue::reset();
     }
 
@@ -337,7 +338,7 @@ void TestLinkSwitch::switchingLinksUnderTrafficKeepsOnlySentReplies()
         PortBase *port = switchTo(switches, traffic.serial.path(), traffic.udp.port());
         QCOMPARE(PortInterface::iCORE, port);
         if (type == ConnUSB)
-            QVERIFY(static_cast<PortUSB *>(port)->isOpen());
+            QVERIFY(isOpen(*static_cast<PortUSB *>(port)));
         else if (type == ConnSerial)
             QVERIFY(static_cast<PortSerial *>(port)->m_com->isOpen());
         // Let replies arrive, some of them only while the next switch happens.

@@ -6,6 +6,7 @@
 #include <QUdpSocket>
 
 #include "PortUDP.h"
+#include "TransportProbe.h"
 
 // PortUDP with its state in view and its datagram writes recorded. Writes go
 // to the real socket only for loopback destinations (or a null one, which the
@@ -21,9 +22,21 @@ public:
         quint16 port = 0;
     };
 
+    ProbePortUDP()
+    {
+        PortUDPPrivate *const d = PortUDPPrivate::get(this);
+        d->writeSeam = [this, d](const char *bytes, qint64 size, const QHostAddress &address, quint16 port) {
+            writes.append({QByteArray(bytes, static_cast<int>(size)), address, port});
+            qint64 result = -1;
+            if (address.isNull() || address.isLoopback())
+                result = d->writeToSocket(bytes, size, address, port);
+            return scriptedResults.isEmpty() ? result : scriptedResults.takeFirst();
+        };
+    }
+
     QUdpSocket *socket() const
     {
-        std::shared_lock<std::shared_mutex> socketGuard(m_socketGuard);
+        std::shared_lock<std::shared_mutex> guard(socketGuard(*this));
         return m_udpSocket;
     }
     QString deviceIP() const { return locked(m_deviceIP); }
@@ -47,16 +60,6 @@ public:
 
     QList<Write> writes;
     QList<qint64> scriptedResults;
-
-protected:
-    qint64 writeDatagramTo(const char *bytes, qint64 size, const QHostAddress &address, quint16 port) override
-    {
-        writes.append({QByteArray(bytes, static_cast<int>(size)), address, port});
-        qint64 result = -1;
-        if (address.isNull() || address.isLoopback())
-            result = PortUDP::writeDatagramTo(bytes, size, address, port);
-        return scriptedResults.isEmpty() ? result : scriptedResults.takeFirst();
-    }
 
 private:
     template <typename T>

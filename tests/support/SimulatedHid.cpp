@@ -13,7 +13,6 @@
 
 #include <hidapi.h>
 
-#include "HidrawScan.h"
 
 // hidapi leaves its handle type opaque; the simulation's handle.
 struct hid_device_
@@ -86,15 +85,6 @@ struct State
         return device && device->open && std::find(handles.begin(), handles.end(), device) != handles.end();
     }
 };
-
-// The library reads the kernel's list of HID devices rather than enumerate
-// through hidapi where that list has entries: a program that stands in for
-// hidapi has it look at a list that does not exist, so that every look goes to
-// the simulation, whatever devices the machine has.
-const struct AskTheSimulation
-{
-    AskTheSimulation() { comm::setHidrawClassFolder("/nonexistent/simulated-hidapi/hidraw"); }
-} askTheSimulation;
 
 // Never destroyed: detached threads (the hot-plug watcher) call in until the
 // process ends.
@@ -286,6 +276,15 @@ int misuse()
 
 // hidapi's functions, as the transport uses them.
 extern "C" {
+
+// The simulation has none of the faults of hidapi before 0.15 that the
+// library guards against, and says so: the library then asks it for every
+// look and every open, whatever devices the machine itself lists.
+const struct hid_api_version *hid_version(void)
+{
+    static const hid_api_version version{0, 15, 0};
+    return &version;
+}
 
 struct hid_device_info *hid_enumerate(unsigned short vendor_id, unsigned short product_id)
 {

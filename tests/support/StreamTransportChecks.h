@@ -8,6 +8,7 @@
 #include "LogCapture.h"
 #include "ProtocolData.h"
 #include "ReceiveQueue.h"
+#include "TransportProbe.h"
 
 // Checks that the serial and USB transports share: their reply hand-off and
 // reassembly operations, which forward to the one stream reassembly. Each is
@@ -66,12 +67,12 @@ void reassemblyOperationsWorkOnTransportsBuffer(quint8 linkByte)
     port.appendBuffData("zz" + reply);
     QCOMPARE(port.getBuffData(3), QByteArray("zz["));
     QVERIFY(port.isFindStdCmdPreFlag(port.getBuffData(1024)));
-    QCOMPARE(port.buffData(), reply);
+    QCOMPARE(buffData(port), reply);
     ProtocolData decoded;
     QVERIFY(port.getArrayData(reply, &decoded));
     QCOMPARE(decoded.commandByte, quint8(0x21));
     QVERIFY(port.checkCMD(port.getBuffData(1024)));
-    QCOMPARE(port.buffData(), QByteArray());
+    QCOMPARE(buffData(port), QByteArray());
     port.appendBuffData(QByteArray("\x07\x07", 2)); // block 07, check byte 07
     QVERIFY(port.checkBlock(decoded, 2));
     QCOMPARE(port.takeBuffData(5), QByteArray());

@@ -29,6 +29,7 @@
 #include "ReceiveQueue.h"
 #include "SerialLink.h"
 #include "ThreadCount.h"
+#include "TransportProbe.h"
 
 namespace {
 constexpr int kSenders = 2;
@@ -377,7 +378,7 @@ void TestAnyThread::serialOpenSendAndCloseFromWorkerWhileCreatorIsJoined()
     QVERIFY(replied.load());
     QVERIFY(closed.load());
     QCOMPARE(pty.deviceReceives(19, 1000), numberedFrame(1, 7));
-    QCOMPARE(port.runningWorkers(), 0);
+    QCOMPARE(runningWorkers(port), 0);
     QCOMPARE(log.warnings(), QStringList());
 }
 

@@ -16,6 +16,7 @@
 #include "SerialLink.h"
 #include "StreamTransportChecks.h"
 #include "ThreadCount.h"
+#include "TransportProbe.h"
 
 namespace {
 constexpr int kWaitMs = 5000;
@@ -67,15 +68,16 @@ QString recvLine(const QByteArray &frameBytes)
 class ScriptedWritePort : public PortSerial
 {
 public:
+    ScriptedWritePort()
+    {
+        PortSerialPrivate::get(this)->writeSeam = [this](const char *data, qint64 size) {
+            written = QByteArray(data, static_cast<int>(size));
+            return writeResult;
+        };
+    }
+
     qint64 writeResult = -1;
     QByteArray written;
-
-protected:
-    qint64 writeComData(const char *data, qint64 size) override
-    {
-        written = QByteArray(data, static_cast<int>(size));
-        return writeResult;
-    }
 };
 } // namespace
 
@@ -207,7 +209,7 @@ void TestPortSerial::networkAndUsbOperationsDoNothing()
     QCOMPARE(port.openUSB(0x1234, 0x5678), false);
     port.closeUSB();
     QVERIFY(!port.m_com->isOpen());
-    QCOMPARE(port.runningWorkers(), 0);
+    QCOMPARE(runningWorkers(port), 0);
     QCOMPARE(log.lines(), QStringList());
 }
 
@@ -220,8 +222,8 @@ void TestPortSerial::constructionOpensNothingAndStartsNoWorker()
     QVERIFY(!port.m_com->isOpen());
     QCOMPARE(port.m_threadRun.load(), false);
     QCOMPARE(port.m_threadExited.load(), false);
-    QCOMPARE(port.runningWorkers(), 0);
-    QCOMPARE(port.buffData(), QByteArray());
+    QCOMPARE(runningWorkers(port), 0);
+    QCOMPARE(buffData(port), QByteArray());
     QVERIFY(port.m_dealFlag);
 }
 
@@ -244,7 +246,7 @@ void TestPortSerial::openOnMissingPortReturnsFalseAndStartsNoWorker()
              false);
     QVERIFY(!port.m_com->isOpen());
     QCOMPARE(port.m_com->error(), QSerialPort::DeviceNotFoundError);
-    QCOMPARE(port.runningWorkers(), 0);
+    QCOMPARE(runningWorkers(port), 0);
     QCOMPARE(port.m_threadExited.load(), false);
     QCOMPARE(port.m_threadRun.load(), false);
     QCOMPARE(log.lines(), QStringList());
@@ -266,7 +268,7 @@ void TestPortSerial::openAppliesLineSettingsAndStartsOneWorker()
     QCOMPARE(port.m_com->stopBits(), QSerialPort::TwoStop);
     QCOMPARE(port.m_com->flowControl(), QSerialPort::HardwareControl);
     QCOMPARE(port.m_threadRun.load(), true);
-    QCOMPARE(port.runningWorkers(), 1);
+    QCOMPARE(runningWorkers(port), 1);
 }
 
 void TestPortSerial::secondOpenLeavesOneWorkerAndEmptyBuffer()
@@ -275,15 +277,15 @@ void TestPortSerial::secondOpenLeavesOneWorkerAndEmptyBuffer()
     OPEN_LINK(link);
     PortSerial &port = *link.port;
     QVERIFY(link.pty.deviceSends("waiting"));
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), QByteArray("waiting"), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), QByteArray("waiting"), kWaitMs);
     QVERIFY(openOn(port, link.pty));
-    QCOMPARE(port.buffData(), QByteArray());
+    QCOMPARE(buffData(port), QByteArray());
     QVERIFY(port.m_com->isOpen());
-    QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 1, kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(runningWorkers(port), 1, kWaitMs);
     // The new worker is the one that runs: a frame still becomes a record.
     QVERIFY(link.pty.deviceSends(QByteArrayLiteral("[R0900000000000009]")));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
-    QCOMPARE(port.runningWorkers(), 1);
+    QCOMPARE(runningWorkers(port), 1);
 }
 
 void TestPortSerial::reopenWithDealFlagFalseStartsSecondWorkerAndDestructorStopsBoth()
@@ -294,7 +296,7 @@ void TestPortSerial::reopenWithDealFlagFalseStartsSecondWorkerAndDestructorStops
     port->m_dealFlag = false;
     QVERIFY(openOn(*port, link.pty));
     // The first worker was not stopped: two run side by side.
-    QCOMPARE(port->runningWorkers(), 2);
+    QCOMPARE(runningWorkers(*port), 2);
     QVERIFY(port->m_threadRun.load());
     port.reset();
     QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= link.threadsBefore, kWaitMs);
@@ -319,13 +321,13 @@ void TestPortSerial::closeStopsWorkerAndEmptiesBuffer()
     OPEN_LINK(link);
     PortSerial &port = *link.port;
     QVERIFY(link.pty.deviceSends("partial"));
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), QByteArray("partial"), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), QByteArray("partial"), kWaitMs);
     port.closeSerialPort();
     QVERIFY(!port.m_com->isOpen());
     QCOMPARE(port.m_threadRun.load(), false);
     QCOMPARE(port.m_threadExited.load(), true);
-    QCOMPARE(port.buffData(), QByteArray());
-    QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 0, kWaitMs);
+    QCOMPARE(buffData(port), QByteArray());
+    QTRY_COMPARE_WITH_TIMEOUT(runningWorkers(port), 0, kWaitMs);
 }
 
 void TestPortSerial::destructorStopsWorkerOfOpenPort()
@@ -360,7 +362,7 @@ void TestPortSerial::otherErrorsLeavePortOpen()
     PortSerial &port = *link.port;
     port.handleError(static_cast<QSerialPort::SerialPortError>(error));
     QVERIFY(port.m_com->isOpen());
-    QCOMPARE(port.runningWorkers(), 1);
+    QCOMPARE(runningWorkers(port), 1);
 }
 
 void TestPortSerial::resourceErrorClosesPortAndLeavesWorkerToDestructor()
@@ -369,17 +371,17 @@ void TestPortSerial::resourceErrorClosesPortAndLeavesWorkerToDestructor()
     OPEN_LINK(link);
     std::unique_ptr<PortSerial> &port = link.port;
     QVERIFY(link.pty.deviceSends("kept"));
-    QTRY_COMPARE_WITH_TIMEOUT(port->buffData(), QByteArray("kept"), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(*port), QByteArray("kept"), kWaitMs);
     port->handleError(QSerialPort::ResourceError);
     QVERIFY(!port->m_com->isOpen());
     // Neither the worker nor the buffer is touched.
     QCOMPARE(port->m_threadRun.load(), true);
-    QCOMPARE(port->runningWorkers(), 1);
-    QCOMPARE(port->buffData(), QByteArray("kept"));
+    QCOMPARE(runningWorkers(*port), 1);
+    QCOMPARE(buffData(*port), QByteArray("kept"));
     // The port is no longer open, so closing does nothing.
     port->closeSerialPort();
     QCOMPARE(port->m_threadRun.load(), true);
-    QCOMPARE(port->buffData(), QByteArray("kept"));
+    QCOMPARE(buffData(*port), QByteArray("kept"));
     port.reset();
     QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= link.threadsBefore, kWaitMs);
 }
@@ -390,10 +392,10 @@ void TestPortSerial::reopenAfterResourceErrorLeavesOneWorker()
     OPEN_LINK(link);
     PortSerial &port = *link.port;
     port.handleError(QSerialPort::ResourceError);
-    QCOMPARE(port.runningWorkers(), 1);
+    QCOMPARE(runningWorkers(port), 1);
     // The worker the error left running is restarted, not joined by a second.
     QVERIFY(openOn(port, link.pty));
-    QCOMPARE(port.runningWorkers(), 1);
+    QCOMPARE(runningWorkers(port), 1);
     const QByteArray reply = QByteArrayLiteral("[R2100000000000021]");
     QVERIFY(link.pty.deviceSends(reply));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
@@ -431,7 +433,7 @@ void TestPortSerial::resourceErrorOnClosedPortIsIgnored()
     PortSerial port;
     port.handleError(QSerialPort::ResourceError);
     QVERIFY(!port.m_com->isOpen());
-    QCOMPARE(port.runningWorkers(), 0);
+    QCOMPARE(runningWorkers(port), 0);
 }
 
 void TestPortSerial::hangUpEndsWithPortClosedByHandleError()
@@ -464,7 +466,7 @@ void TestPortSerial::hangUpEndsWithPortClosedByHandleError()
     QCOMPARE(errors->errorCount(), errorsAfterClose);
 
     // The worker still runs on the closed port; destruction stops it.
-    QCOMPARE(port->runningWorkers(), 1);
+    QCOMPARE(runningWorkers(*port), 1);
     errors.reset();
     port.reset();
     QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= link.threadsBefore, kWaitMs);
@@ -480,7 +482,7 @@ void TestPortSerial::closingOnReadErrorEndsHangUpAtOnce()
     link.pty.closeMaster();
     QTRY_VERIFY_WITH_TIMEOUT(!port.m_com->isOpen(), kWaitMs);
     QCOMPARE(port.m_threadRun.load(), false);
-    QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 0, kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(runningWorkers(port), 0, kWaitMs);
     const int errorsAfterClose = errors.errorCount();
     QTest::qWait(200); // no further error comes
     QCOMPARE(errors.errorCount(), errorsAfterClose);
@@ -496,10 +498,10 @@ void TestPortSerial::dealFlagFalseDropsReceivedBytes()
     QVERIFY(link.pty.deviceSends("dropped"));
     QTRY_VERIFY_WITH_TIMEOUT(portSignals.readyReads() > 0, kWaitMs);
     QCOMPARE(port.m_com->bytesAvailable(), qint64(0));
-    QCOMPARE(port.buffData(), QByteArray());
+    QCOMPARE(buffData(port), QByteArray());
     port.m_dealFlag = true;
     QVERIFY(link.pty.deviceSends("kept"));
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), QByteArray("kept"), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), QByteArray("kept"), kWaitMs);
 }
 
 void TestPortSerial::setDealFlagFalseStopsWorkerAndTrueDoesNotRestartIt()
@@ -510,17 +512,17 @@ void TestPortSerial::setDealFlagFalseStopsWorkerAndTrueDoesNotRestartIt()
     port.setDealFlag(false);
     QCOMPARE(port.m_threadRun.load(), false);
     QTRY_COMPARE_WITH_TIMEOUT(port.m_threadExited.load(), true, kWaitMs);
-    QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 0, kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(runningWorkers(port), 0, kWaitMs);
 
     port.setDealFlag(true);
     QCOMPARE(port.m_threadRun.load(), true);
-    QCOMPARE(port.runningWorkers(), 0);
+    QCOMPARE(runningWorkers(port), 0);
     // Bytes still collect, but nobody turns them into records.
     const QByteArray reply = QByteArrayLiteral("[R0500000000000005]");
     QVERIFY(link.pty.deviceSends(reply));
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), reply, kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), reply, kWaitMs);
     QTest::qWait(50); // many worker turns, had there been a worker
-    QCOMPARE(port.buffData(), reply);
+    QCOMPARE(buffData(port), reply);
     QCOMPARE(testqueue::length(), size_t(0));
     QVERIFY(port.m_com->isOpen());
 }
@@ -699,7 +701,7 @@ void TestPortSerial::strayBytesBeforeFrameAreDropped()
     QVERIFY(link.pty.deviceSends("\xAA\x55" + reply));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().commandByte, quint8(0x10));
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), QByteArray(), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), QByteArray(), kWaitMs);
     QCOMPARE(log.lines(), QStringList{recvLine(reply)});
 }
 
@@ -740,7 +742,7 @@ void TestPortSerial::blockWithBadCheckByteIsReported()
     QTRY_COMPARE_WITH_TIMEOUT(log.count(failure), 1, kWaitMs);
     QCOMPARE(log.lines(), QStringList{recvLine(reply) + QStringLiteral(" CheckBlock default:")});
     QCOMPARE(testqueue::length(), size_t(0));
-    QCOMPARE(port.buffData(), QByteArray());
+    QCOMPARE(buffData(port), QByteArray());
 }
 
 void TestPortSerial::frame8EWithout27IsFollowedByOrdinaryData()
@@ -794,9 +796,9 @@ void TestPortSerial::frameSplitAcrossReadsIsRecognised()
     PortSerial &port = *link.port;
     const QByteArray reply = QByteArrayLiteral("[R123456000000009C]"); // check byte 12 + 34 + 56
     QVERIFY(link.pty.deviceSends(reply.left(7)));
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), reply.left(7), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), reply.left(7), kWaitMs);
     QVERIFY(link.pty.deviceSends(reply.mid(7, 11)));
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), reply.left(18), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), reply.left(18), kWaitMs);
     QCOMPARE(testqueue::length(), size_t(0));
     QVERIFY(link.pty.deviceSends(reply.mid(18)));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
@@ -816,7 +818,7 @@ void TestPortSerial::wrongCheckByteIsReported()
     QCOMPARE(testqueue::length(), size_t(0));
     QCOMPARE(log.lines(), QStringList{failure});
     // Only the "[" is dropped; the 18 bytes after it wait for more data.
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), reply.mid(1), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), reply.mid(1), kWaitMs);
 }
 
 void TestPortSerial::lowerCaseDigitsDecodeLikeUpperCase()
@@ -844,9 +846,9 @@ void TestPortSerial::fewerThanNineteenBytesWait()
     PortSerial &port = *link.port;
     const QByteArray garbage("xx[Ryy", 6);
     QVERIFY(link.pty.deviceSends(garbage));
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), garbage, kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), garbage, kWaitMs);
     QTest::qWait(50); // many worker turns
-    QCOMPARE(port.buffData(), garbage);
+    QCOMPARE(buffData(port), garbage);
     QCOMPARE(testqueue::length(), size_t(0));
 }
 

@@ -21,6 +21,7 @@
 #include "StreamTransportChecks.h"
 #include "ThreadCount.h"
 #include "UsbReports.h"
+#include "TransportProbe.h"
 
 using namespace usbreports;
 
@@ -196,8 +197,8 @@ void TestPortUSB::networkAndSerialOperationsDoNothing()
                                  QSerialPort::NoParity, QSerialPort::NoFlowControl, QSerialPort::Data8),
              false);
     port.closeSerialPort();
-    QVERIFY(!port.isOpen());
-    QCOMPARE(port.runningWorkers(), 0);
+    QVERIFY(!isOpen(port));
+    QCOMPARE(runningWorkers(port), 0);
     QVERIFY(simhid::opens().empty());
     QCOMPARE(log.lines(), QStringList());
 }
@@ -206,13 +207,13 @@ void TestPortUSB::constructionOpensNothingAndStartsNoWorker()
 {
     PortUSB port;
     QCOMPARE(port.parent(), nullptr);
-    QVERIFY(!port.isOpen());
+    QVERIFY(!isOpen(port));
     QCOMPARE(port.m_cmdTextFlag.load(), false);
     QCOMPARE(port.m_dealRunning.load(), false);
     QCOMPARE(port.m_readRunning.load(), false);
     QVERIFY(port.m_dealFlag);
-    QCOMPARE(port.runningWorkers(), 0);
-    QCOMPARE(port.buffData(), QByteArray());
+    QCOMPARE(runningWorkers(port), 0);
+    QCOMPARE(buffData(port), QByteArray());
     QVERIFY(simhid::opens().empty());
 }
 
@@ -225,10 +226,10 @@ void TestPortUSB::openUsesFirstMatchingDeviceAndStartsReaderAndWorker()
     QCOMPARE(opens[0].vid, kVid);
     QCOMPARE(opens[0].pid, kPid);
     QVERIFY(opens[0].serialNumberNull);
-    QVERIFY(port.isOpen());
+    QVERIFY(isOpen(port));
     QCOMPARE(port.m_dealRunning.load(), true);
     QCOMPARE(port.m_readRunning.load(), true);
-    QCOMPARE(port.runningWorkers(), 2);
+    QCOMPARE(runningWorkers(port), 2);
     // The reader asks for 1024 bytes and waits 100 ms at most.
     QTRY_VERIFY_WITH_TIMEOUT(simhid::readCount() >= 1, kWaitMs);
     const simhid::ReadCall read = simhid::reads().front();
@@ -256,10 +257,10 @@ void TestPortUSB::failedOpenReturnsFalseAndStartsNoWorker()
     simhid::failOpens(1);
     QVERIFY(!openOn(port));
     QCOMPARE(simhid::opens().size(), size_t(1));
-    QVERIFY(!port.isOpen());
+    QVERIFY(!isOpen(port));
     QCOMPARE(port.m_dealRunning.load(), false);
     QCOMPARE(port.m_readRunning.load(), false);
-    QCOMPARE(port.runningWorkers(), 0);
+    QCOMPARE(runningWorkers(port), 0);
     QCOMPARE(log.lines(), QStringList());
 }
 
@@ -270,7 +271,7 @@ void TestPortUSB::reopenClosesOldDeviceKeepsBufferAndStartsFreshPair()
     // The first half of a reply arrives from the first device.
     const QByteArray reply = QByteArrayLiteral("[R3100000000000031]"); // check byte 31
     simhid::queueInput(reply.left(9));
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), reply.left(9), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), reply.left(9), kWaitMs);
 
     QVERIFY(openOn(port));
     QCOMPARE(simhid::closes(), 1);
@@ -278,8 +279,8 @@ void TestPortUSB::reopenClosesOldDeviceKeepsBufferAndStartsFreshPair()
     QCOMPARE(simhid::opens().size(), size_t(2));
     // The implicit close keeps what was received; the old pair has ended and
     // a new one runs.
-    QCOMPARE(port.buffData(), reply.left(9));
-    QCOMPARE(port.runningWorkers(), 2);
+    QCOMPARE(buffData(port), reply.left(9));
+    QCOMPARE(runningWorkers(port), 2);
     QVERIFY(port.m_dealRunning && port.m_readRunning);
 
     // The new workers read the new device and finish the reply.
@@ -294,18 +295,18 @@ void TestPortUSB::closeEndsWorkersEmptiesBufferAndClosesDevice()
     PortUSB port;
     QVERIFY(openOn(port));
     simhid::queueInput("partial");
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), QByteArray("partial"), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), QByteArray("partial"), kWaitMs);
     QElapsedTimer timer;
     timer.start();
     port.closeUSB();
     QVERIFY(timer.elapsed() >= 100);
-    QVERIFY(!port.isOpen());
+    QVERIFY(!isOpen(port));
     QCOMPARE(simhid::closes(), 1);
     QCOMPARE(simhid::openHandles(), 0);
     QCOMPARE(port.m_readRunning.load(), false);
     QCOMPARE(port.m_dealRunning.load(), false);
-    QCOMPARE(port.buffData(), QByteArray());
-    QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 0, kWaitMs);
+    QCOMPARE(buffData(port), QByteArray());
+    QTRY_COMPARE_WITH_TIMEOUT(runningWorkers(port), 0, kWaitMs);
     QCOMPARE(simhid::misuse(), 0);
 }
 
@@ -320,7 +321,7 @@ void TestPortUSB::closeOnClosedTransportOnlyPauses()
     QVERIFY(timer.elapsed() >= 100);
     QCOMPARE(simhid::closes(), 0);
     QVERIFY(simhid::opens().empty());
-    QCOMPARE(port.buffData(), QByteArray("kept"));
+    QCOMPARE(buffData(port), QByteArray("kept"));
     QCOMPARE(log.lines(), QStringList());
 }
 
@@ -347,7 +348,7 @@ void TestPortUSB::readerKeepsEveryByteReadIncludingZeros()
     // Fewer than 19 bytes: the reassembly leaves them alone.
     const QByteArray bytes("a\0b\0\0c\0\0\0d", 10);
     simhid::queueInput(bytes);
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), bytes, kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), bytes, kWaitMs);
 }
 
 void TestPortUSB::readErrorsAreSkipped()
@@ -358,12 +359,12 @@ void TestPortUSB::readErrorsAreSkipped()
     const int readsBefore = simhid::readCount();
     // The reader keeps polling through errors ...
     QTRY_VERIFY_WITH_TIMEOUT(simhid::readCount() >= readsBefore + 3, kWaitMs);
-    QVERIFY(port.isOpen());
-    QCOMPARE(port.buffData(), QByteArray());
+    QVERIFY(isOpen(port));
+    QCOMPARE(buffData(port), QByteArray());
     // ... and reads again once they stop.
     simhid::failReads(false);
     simhid::queueInput("back");
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), QByteArray("back"), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), QByteArray("back"), kWaitMs);
 }
 
 void TestPortUSB::threadReadPendingDatagramsWithFlagFalseReturnsAtOnce()
@@ -371,7 +372,7 @@ void TestPortUSB::threadReadPendingDatagramsWithFlagFalseReturnsAtOnce()
     PortUSB port;
     QVERIFY(openOn(port));
     port.closeUSB();
-    QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 0, kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(runningWorkers(port), 0, kWaitMs);
     const int reads = simhid::readCount();
     port.ThreadReadPendingDatagrams();
     QCOMPARE(simhid::readCount(), reads);
@@ -637,7 +638,7 @@ void TestPortUSB::frameWithZeroPaddingYieldsOneRecord()
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     // The 45 zero bytes go on a later turn, without a record or a log line.
     LogCapture log;
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), QByteArray(), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), QByteArray(), kWaitMs);
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(log.lines(), QStringList());
 }
@@ -653,7 +654,7 @@ void TestPortUSB::blockAnnouncingFrameIsQueuedAtOnceAndItsBytesDropped()
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().payload, QByteArray());
     QCOMPARE(testqueue::records().front().paramBytes[1], quint8(0x79));
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), QByteArray(), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), QByteArray(), kWaitMs);
     QCOMPARE(testqueue::length(), size_t(1));
     QCOMPARE(log.lines(), QStringList{recvLine(reply)});
 }
@@ -703,7 +704,7 @@ void TestPortUSB::frameSplitOverReportsIsRecognised()
     QVERIFY(openOn(port));
     const QByteArray reply = QByteArrayLiteral("[R6601000000000067]"); // check byte 66 + 01
     simhid::queueInput(reply.left(12));
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), reply.left(12), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), reply.left(12), kWaitMs);
     simhid::queueInput(reply.mid(12));
     QTRY_COMPARE_WITH_TIMEOUT(testqueue::length(), size_t(1), kWaitMs);
     QCOMPARE(testqueue::records().front().commandByte, quint8(0x66));
@@ -724,7 +725,7 @@ void TestPortUSB::checkBlockQueuesBlockKeepingCallersSourceText()
     record.sourceText = QStringLiteral("as passed");
     record.commandByte = 0x12;
     QVERIFY(port.checkBlock(record, 4));
-    QCOMPARE(port.buffData(), QByteArray("rest"));
+    QCOMPARE(buffData(port), QByteArray("rest"));
     QVERIFY(port.checkBlock(ProtocolData(), 0));
     const std::vector<ProtocolData> records = testqueue::records();
     QCOMPARE(records.size(), size_t(2));
@@ -743,7 +744,7 @@ void TestPortUSB::threadDealDataFuncWithFlagFalseReturnsAtOnce()
     port.appendBuffData(QByteArrayLiteral("[R0100000000000001]"));
     port.ThreadDealDataFunc();
     // Not a single turn ran.
-    QCOMPARE(port.buffData().size(), 19);
+    QCOMPARE(buffData(port).size(), 19);
     QCOMPARE(testqueue::length(), size_t(0));
 }
 

@@ -18,6 +18,7 @@
 #include "SimulatedHid.h"
 #include "UsbSignalLog.h"
 #include "WaitUntil.h"
+#include "TransportProbe.h"
 
 namespace {
 constexpr unsigned short kVid = 0x10C4;
@@ -34,16 +35,16 @@ public:
     {
         log.watch(*this);
     }
-    ~RecordingPort() override { stopHotPlugReports(); }
+    ~RecordingPort() override { ::stopHotPlugReports(*this); }
 
     void closeUSB() override
     {
         PortUSB::closeUSB();
         m_log.note(QStringLiteral("closeUSB"));
-        closedOpen = isOpen();
+        closedOpen = ::isOpen(*this);
         closedReading = m_readRunning.load();
         closedDealing = m_dealRunning.load();
-        closedBuffer = buffData().size();
+        closedBuffer = ::buffData(*this).size();
     }
 
     std::atomic<bool> closedOpen{true};
@@ -171,7 +172,7 @@ void TestPortUSBHotPlug::firstStateIsNotReported()
     QVERIFY(openAndLetWatcherSeeIt(port));
     QVERIFY(watcherPolls(3));
     QCOMPARE(log.entries(), QStringList());
-    QVERIFY(port.isOpen());
+    QVERIFY(isOpen(port));
 }
 
 void TestPortUSBHotPlug::unplugClosesTransportThenEmitsFalse()
@@ -180,7 +181,7 @@ void TestPortUSBHotPlug::unplugClosesTransportThenEmitsFalse()
     RecordingPort port(log);
     QVERIFY(openAndLetWatcherSeeIt(port));
     simhid::queueInput("unread");
-    QTRY_COMPARE_WITH_TIMEOUT(port.buffData(), QByteArray("unread"), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffData(port), QByteArray("unread"), kWaitMs);
 
     simhid::setPresent(false);
     // closeUSB ran through the virtual table, then the signal came.
@@ -192,7 +193,7 @@ void TestPortUSBHotPlug::unplugClosesTransportThenEmitsFalse()
     QCOMPARE(port.closedBuffer.load(), 0);
     QCOMPARE(simhid::closes(), 1);
     QCOMPARE(simhid::openHandles(), 0);
-    QTRY_COMPARE_WITH_TIMEOUT(port.runningWorkers(), 0, kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(runningWorkers(port), 0, kWaitMs);
 }
 
 void TestPortUSBHotPlug::replugEmitsTrueWithoutReopening()
@@ -207,10 +208,10 @@ void TestPortUSBHotPlug::replugEmitsTrueWithoutReopening()
     simhid::setPresent(true);
     QTRY_COMPARE_WITH_TIMEOUT(log.entries(), QStringList{QStringLiteral("true")}, kWaitMs);
     QCOMPARE(simhid::opens().size(), opens);
-    QVERIFY(!port.isOpen());
+    QVERIFY(!isOpen(port));
     QCOMPARE(port.m_readRunning.load(), false);
     QCOMPARE(port.m_dealRunning.load(), false);
-    QCOMPARE(port.runningWorkers(), 0);
+    QCOMPARE(runningWorkers(port), 0);
     // The application reopens.
     QVERIFY(port.openUSB(kVid, kPid));
 }
@@ -231,7 +232,7 @@ void TestPortUSBHotPlug::watcherServesOldestLiveTransport()
     QCOMPARE(olderLog.entries().last(), QStringLiteral("true"));
     // The newer one was neither told nor closed.
     QCOMPARE(newerLog.entries(), QStringList());
-    QVERIFY(newer.isOpen());
+    QVERIFY(isOpen(newer));
 }
 
 void TestPortUSBHotPlug::watcherMovesOnWhenItsTransportIsDestroyed()
@@ -246,7 +247,7 @@ void TestPortUSBHotPlug::watcherMovesOnWhenItsTransportIsDestroyed()
     simhid::setPresent(false);
     QTRY_COMPARE_WITH_TIMEOUT(newerLog.entries(), (QStringList{QStringLiteral("closeUSB"), QStringLiteral("false")}),
                               kWaitMs);
-    QVERIFY(!newer.isOpen());
+    QVERIFY(!isOpen(newer));
     QCOMPARE(olderLog.entries(), QStringList());
 }
 
@@ -291,7 +292,7 @@ public:
         : m_flags(flags)
     {
     }
-    ~SlowClosePort() override { stopHotPlugReports(); }
+    ~SlowClosePort() override { ::stopHotPlugReports(*this); }
 
     void closeUSB() override
     {

@@ -9,7 +9,6 @@
 
 #include "Console.h"
 #include "Interrupt.h"
-#include "WireTap.h"
 
 namespace {
 bool isWildcard(const QHostAddress &address)
@@ -69,7 +68,7 @@ bool WireCapture::start(const QString &path, LinkOptions::Kind link, QString *er
                                                                   : PcapWriter::RawIp;
     if (!m_writer.open(path, type, error))
         return false;
-    comm::wiretap::install(&WireCapture::observe, this);
+    PortWireObserver::install(this);
     m_started = true;
     return true;
 }
@@ -79,32 +78,26 @@ void WireCapture::stop()
     if (!m_started)
         return;
     // Waits for a packet being written, so the file ends on a whole one.
-    comm::wiretap::install(nullptr, nullptr);
+    PortWireObserver::install(nullptr);
     m_writer.close();
     m_started = false;
 }
 
-void WireCapture::observe(const comm::wiretap::Packet &packet, void *context)
+void WireCapture::observe(const PortWirePacket &packet)
 {
-    static_cast<WireCapture *>(context)->record(packet);
-}
-
-void WireCapture::record(const comm::wiretap::Packet &packet)
-{
-    using comm::wiretap::Direction;
-    using comm::wiretap::Link;
-    const int size = int(packet.size);
-    if (packet.link != Link::Network) {
-        const auto direction = packet.direction == Direction::Written ? StreamDirection::Written
-                                                                      : StreamDirection::Read;
-        m_writer.write(streamRecord(direction, quint8(packet.link), packet.bytes, size));
+    const char *const bytes = packet.bytes.constData();
+    const int size = int(packet.bytes.size());
+    if (packet.link != PortWirePacket::Network) {
+        const auto direction = packet.direction == PortWirePacket::Written ? StreamDirection::Written
+                                                                           : StreamDirection::Read;
+        m_writer.write(streamRecord(direction, quint8(packet.link), bytes, size));
         return;
     }
     const QHostAddress local = sourceFor(packet.localAddress, packet.remoteAddress);
-    if (packet.direction == Direction::Written)
-        m_writer.write(udpPacket(local, packet.localPort, packet.remoteAddress, packet.remotePort, packet.bytes, size));
+    if (packet.direction == PortWirePacket::Written)
+        m_writer.write(udpPacket(local, packet.localPort, packet.remoteAddress, packet.remotePort, bytes, size));
     else
-        m_writer.write(udpPacket(packet.remoteAddress, packet.remotePort, local, packet.localPort, packet.bytes, size));
+        m_writer.write(udpPacket(packet.remoteAddress, packet.remotePort, local, packet.localPort, bytes, size));
 }
 
 QHostAddress WireCapture::sourceFor(const QHostAddress &local, const QHostAddress &remote)

@@ -9,30 +9,25 @@
 
 #include "Options.h"
 #include "PcapWriter.h"
-
-namespace comm::wiretap {
-struct Packet;
-} // namespace comm::wiretap
+#include "PortWireObserver.h"
 
 // commctl's --capture: while started, every byte the library's link writes
 // and reads goes into a pcap file, a packet at a time. The network link gives
 // IP packets with the real addresses and ports, serial and USB the libcomm
-// stream header and the bytes (see PcapWriter.h).
-class WireCapture
+// stream header and the bytes (see PcapWriter.h). It sees the bytes as any
+// application can, through the library's wire observer.
+class WireCapture : public PortWireObserver
 {
 public:
     WireCapture() = default;
     // Stops: the library's hook is removed before the file is closed.
-    ~WireCapture();
-    WireCapture(const WireCapture &) = delete;
-    WireCapture &operator=(const WireCapture &) = delete;
+    ~WireCapture() override;
 
     bool start(const QString &path, LinkOptions::Kind link, QString *error);
     void stop();
 
 private:
-    static void observe(const comm::wiretap::Packet &packet, void *context);
-    void record(const comm::wiretap::Packet &packet);
+    void observe(const PortWirePacket &packet) override;
     // The address a socket bound to the wildcard address sends from to remote.
     QHostAddress sourceFor(const QHostAddress &local, const QHostAddress &remote);
 

@@ -1,18 +1,46 @@
 // A minimal application built against the installed library: it only uses the
 // installed headers and libraries, and checks that they work together.
+#include <CommModuleVersion.h>
 #include <PortBase.h>
 #include <PortInterface.h>
 #include <PortSerial.h>
 #include <PortUDP.h>
 #include <PortUSB.h>
+#include <PortWireObserver.h>
 #include <CmdDealModule.h>
 #include <ProtocolData.h>
 
 #include <cstdio>
 #include <cstring>
 
+namespace {
+// An observer of the wire that looks at nothing.
+class CountingObserver : public PortWireObserver
+{
+public:
+    void observe(const PortWirePacket &) override {}
+};
+} // namespace
+
 int main()
 {
+    if (commModuleVersion() != COMM_MODULE_VERSION
+        || std::strcmp(commModuleVersionString(), COMM_MODULE_VERSION_STR) != 0) {
+        std::puts("consumer: the library's version is not the headers'");
+        return 1;
+    }
+    {
+        CountingObserver observer;
+        PortWireObserver::install(&observer);
+        if (PortWireObserver::installed() != &observer) {
+            std::puts("consumer: the wire observer was not installed");
+            return 1;
+        }
+    }
+    if (PortWireObserver::installed() != nullptr) {
+        std::puts("consumer: a destroyed wire observer stayed installed");
+        return 1;
+    }
     if (std::strcmp(PortBase::staticMetaObject.className(), "PortBase") != 0) {
         std::puts("consumer: PortBase meta-object missing");
         return 1;
@@ -31,7 +59,7 @@ int main()
     }
     {
         PortUSB usb;
-        if (usb.staticMetaObject.superClass() != &PortBase::staticMetaObject || usb.isOpen()
+        if (usb.staticMetaObject.superClass() != &PortBase::staticMetaObject
             || usb.openSerialPort(QStringLiteral("/dev/null"), QSerialPort::Baud9600, QSerialPort::OneStop,
                                   QSerialPort::NoParity, QSerialPort::NoFlowControl, QSerialPort::Data8)) {
             std::puts("consumer: PortUSB unusable");
