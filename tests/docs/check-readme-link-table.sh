@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The README's table of links ("The protocol at a glance") names the three
 # links in its first column, in order: network, serial, USB. The tables of
-# measured figures further down are updated by hand from run output; this
-# keeps such an update from landing in the wrong table.
+# measured figures (docs/performance.md) are updated by hand from run output;
+# this keeps such an update from landing in the wrong table.
 #   check-readme-link-table.sh README
 set -euo pipefail
 readme=$1

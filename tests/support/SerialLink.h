@@ -33,10 +33,10 @@ inline void syncWithIoThread(PortSerial &port)
     port.readPendingDatagrams();
 }
 
-// What the README advises: a slot of the application's own that takes read
-// and resource errors for a device that is gone and closes the port,
-// connected directly so that it runs on the transport's I/O thread as the
-// error happens.
+// What docs/links.md advises ("When the device goes away"): a slot of the
+// application's own that takes read and resource errors for a device that is
+// gone and closes the port, connected directly so that it runs on the
+// transport's I/O thread as the error happens.
 inline void closeWhenDeviceGone(PortSerial &port)
 {
     QObject::connect(

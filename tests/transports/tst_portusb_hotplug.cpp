@@ -355,7 +355,8 @@ void TestPortUSBHotPlug::enumerationListsAreAlwaysFreed()
     QVERIFY(simhid::enumerationsOutstanding() <= 1);
 }
 
-// The ways the README gives to hear plug events from the factory's PortBase*.
+// The ways docs/links.md ("Plugging and unplugging") gives to hear plug events
+// from the factory's PortBase*.
 void TestPortUSBHotPlug::factoryTransportHeardThroughPortUsb()
 {
     UsbSignalLog log;
