@@ -11,7 +11,7 @@ bool conditionHolds(ReplyCondition condition, const ProtocolData &reply)
         return true;
     case ReplyCondition::NoLength:
         return reply.paramBytes[4] == 0 && reply.paramBytes[5] == 0;
-    case ReplyCondition::ZeroSourceCheck:
+    case ReplyCondition::P1AndCheckZero:
         return reply.paramBytes[0] == 0 && reply.checksumByte == 0;
     }
     return false;

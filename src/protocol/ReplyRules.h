@@ -33,8 +33,8 @@ enum class StreamAction {
 // What must hold besides P2 and P3 for a row to match.
 enum class ReplyCondition {
     Always,
-    NoLength,        // P5 and P6 are both 0
-    ZeroSourceCheck, // P1 and the check byte are both 0
+    NoLength,       // P5 and P6 are both 0
+    P1AndCheckZero, // P1 and the check byte are both 0
 };
 
 // A row's P3 that matches every value.
@@ -59,7 +59,7 @@ struct ReplyRule
 
 // clang-format off
 inline constexpr ReplyRule kReplyRules[] = {
-    // P2    P3      condition                         network link                                  stream links
+    // P2, P3, condition; the network link: action, payload; the stream links: action
     {0x8B, 0x05,   ReplyCondition::Always,          ReplyAction::Hold,          kLongFixedBlockPayload, StreamAction::Queue},
     {0x8B, 0x09,   ReplyCondition::Always,          ReplyAction::Hold,          kFixedBlockPayload,     StreamAction::Queue},
     {0x8E, 0x27,   ReplyCondition::Always,          ReplyAction::Hold,          0,                      StreamAction::TakeBlock},
@@ -74,13 +74,13 @@ inline constexpr ReplyRule kReplyRules[] = {
     {0x79, 0x17,   ReplyCondition::Always,          ReplyAction::DeliverAtOnce, 0,                      StreamAction::TakeBlock},
     {0x79, kAnyP3, ReplyCondition::Always,          ReplyAction::Hold,          0,                      StreamAction::TakeBlock},
     {0x69, 0x09,   ReplyCondition::Always,          ReplyAction::Hold,          kFixedBlockPayload,     StreamAction::Queue},
-    {0x00, kAnyP3, ReplyCondition::ZeroSourceCheck, ReplyAction::BlockData,     0,                      StreamAction::Queue},
+    {0x00, kAnyP3, ReplyCondition::P1AndCheckZero,  ReplyAction::BlockData,     0,                      StreamAction::Queue},
     {0xE1, kAnyP3, ReplyCondition::Always,          ReplyAction::Queue,         0,                      StreamAction::TakeBlock},
 };
 
 // Every reply that no row matches.
 inline constexpr ReplyRule kUnlistedReply =
-    {0x00, kAnyP3,  ReplyCondition::Always,          ReplyAction::Queue,         0,                      StreamAction::Queue};
+    {0x00, kAnyP3, ReplyCondition::Always,          ReplyAction::Queue,         0,                      StreamAction::Queue};
 // clang-format on
 
 // The row that routes reply: the first of kReplyRules that matches it, or

@@ -151,7 +151,7 @@ void TestReplyRules::rows_data()
     QTest::newRow("79 17") << 11 << 0x79 << 0x17 << C::Always << A::DeliverAtOnce << 0 << S::TakeBlock;
     QTest::newRow("79 any") << 12 << 0x79 << -1 << C::Always << A::Hold << 0 << S::TakeBlock;
     QTest::newRow("69 09") << 13 << 0x69 << 0x09 << C::Always << A::Hold << 129 << S::Queue;
-    QTest::newRow("00 any, P1 and check 0") << 14 << 0x00 << -1 << C::ZeroSourceCheck << A::BlockData << 0 << S::Queue;
+    QTest::newRow("00 any, P1 and check 0") << 14 << 0x00 << -1 << C::P1AndCheckZero << A::BlockData << 0 << S::Queue;
     QTest::newRow("E1 any") << 15 << 0xE1 << -1 << C::Always << A::Queue << 0 << S::TakeBlock;
 }
 
