@@ -1,13 +1,8 @@
 #include "IoThread.h"
 
 #include <QCoreApplication>
-#include <QSocketNotifier>
 
 #include <chrono>
-#include <cstdint>
-
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 namespace comm {
 
@@ -35,8 +30,7 @@ IoThread::IoThread(const char *name)
     // application object: no reply could ever be read, and no work carried
     // over. Without one, the socket or port stays on the creating thread and
     // calls run on their callers, as on a plain object.
-    m_wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (!QCoreApplication::instance() || m_wakeFd < 0) {
+    if (!QCoreApplication::instance() || !m_wake.isValid()) {
         m_stopped = true;
         return;
     }
@@ -47,8 +41,7 @@ IoThread::IoThread(const char *name)
     QObject::connect(
         &m_thread, &QThread::started, m_context,
         [this] {
-            m_wakeNotifier = new QSocketNotifier(m_wakeFd, QSocketNotifier::Read, m_context);
-            QObject::connect(m_wakeNotifier, &QSocketNotifier::activated, m_context, &IoThreadContext::runPending);
+            m_wake.watch(m_context, [this] { m_context->runPending(); });
             {
                 std::lock_guard<std::mutex> guard(m_lock);
                 m_ready = true;
@@ -74,8 +67,6 @@ IoThread::~IoThread()
     }
     // The thread has finished: nothing else can deliver to the context now.
     delete m_context;
-    if (m_wakeFd >= 0)
-        ::close(m_wakeFd);
 }
 
 bool IoThread::isCurrent() const
@@ -97,24 +88,12 @@ void IoThread::run(const std::function<void()> &work)
         return;
     }
     m_pending.push_back(&call);
-    wake();
+    m_wake.raise();
     m_changed.wait(guard, [&call] { return call.done; });
-}
-
-void IoThread::wake()
-{
-    const std::uint64_t one = 1;
-    // Never full in practice (the counter is read back to zero on every
-    // wake-up); a failed write leaves an earlier wake-up pending anyway.
-    const ssize_t written = ::write(m_wakeFd, &one, sizeof(one));
-    Q_UNUSED(written);
 }
 
 void IoThread::runPending()
 {
-    std::uint64_t count = 0;
-    const ssize_t read = ::read(m_wakeFd, &count, sizeof(count));
-    Q_UNUSED(read);
     // Bounded by the calls waiting; each one's caller is blocked in run().
     while (true) {
         Call *call = nullptr;
@@ -124,8 +103,7 @@ void IoThread::runPending()
                 if (!m_quit)
                     return;
                 // Made on this thread, so it is undone here before the loop ends.
-                delete m_wakeNotifier;
-                m_wakeNotifier = nullptr;
+                m_wake.unwatch();
                 m_thread.quit();
                 // The last the thread does with anything of this object;
                 // stop() waits for it (QThread::wait's own join is invisible
@@ -155,7 +133,7 @@ void IoThread::stop()
         m_stopped = true;
         // Calls handed over before the stop run before the loop ends.
         m_quit = true;
-        wake();
+        m_wake.raise();
     }
     // The thread runs only the library's own work, so these waits end. (They
     // are never reached on the thread itself: no transport is destroyed there.)

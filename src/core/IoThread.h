@@ -8,7 +8,7 @@
 #include <functional>
 #include <mutex>
 
-class QSocketNotifier;
+#include "WakeEvent.h"
 
 namespace comm {
 
@@ -40,9 +40,9 @@ private:
 // own code, so that wait always ends.
 //
 // The hand-over goes through a standard mutex and condition variable, and the
-// thread is woken through an event file descriptor it watches: the thread
-// sanitizer can follow all three, where Qt's own event queue locking is
-// invisible to it.
+// thread is woken through a WakeEvent it watches (an event file descriptor on
+// Linux): the thread sanitizer can follow all three, where Qt's own event
+// queue locking is invisible to it.
 class IoThread
 {
 public:
@@ -80,13 +80,11 @@ private:
     };
 
     void runPending();
-    void wake();
 
     QThread m_thread;
     IoThreadContext *m_context;
-    // Written by callers, watched on the thread.
-    int m_wakeFd = -1;
-    QSocketNotifier *m_wakeNotifier = nullptr;
+    // Raised by callers, watched on the thread.
+    WakeEvent m_wake;
     bool m_quit = false;
     bool m_finished = false;
     std::mutex m_lock;

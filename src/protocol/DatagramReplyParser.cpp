@@ -9,9 +9,6 @@ namespace comm {
 
 namespace {
 
-constexpr int kFixedBlockPayload = 129;
-constexpr int kLongFixedBlockPayload = 145;
-
 void zeroReplyFields(ProtocolData &record)
 {
     record.commandByte = 0;
@@ -25,17 +22,6 @@ void rejectDatagram(ProtocolData &record)
     zeroReplyFields(record);
     record.payload.clear();
     record.infoText = QStringLiteral("");
-}
-
-// The payload length fixed by the reply's command group, or 0 when the reply
-// announces its own length.
-int fixedBlockPayload(quint8 p2, quint8 p3)
-{
-    if ((p2 == 0x8B && p3 == 0x09) || (p2 == 0x69 && p3 == 0x09) || (p2 == 0x77 && p3 == 0x23))
-        return kFixedBlockPayload;
-    if (p2 == 0x8B && p3 == 0x05)
-        return kLongFixedBlockPayload;
-    return 0;
 }
 
 int announcedLength(const ProtocolData &reply)
@@ -79,49 +65,12 @@ ProtocolData parseReplyDatagram(const QByteArray &datagram)
     return record;
 }
 
-ReplyAction replyAction(const ProtocolData &reply)
-{
-    const quint8 p1 = reply.paramBytes[0];
-    const quint8 p2 = reply.paramBytes[1];
-    const quint8 p3 = reply.paramBytes[2];
-    const quint8 p5 = reply.paramBytes[4];
-    const quint8 p6 = reply.paramBytes[5];
-    switch (p2) {
-    case 0x8B:
-        return (p3 == 0x05 || p3 == 0x09) ? ReplyAction::Hold : ReplyAction::Queue;
-    case 0x8E:
-        return p3 == 0x27 ? ReplyAction::Hold : ReplyAction::Queue;
-    case 0xF1:
-        return (p3 == 0x40 && p5 == 0 && p6 == 0) ? ReplyAction::DeliverAtOnce : ReplyAction::Hold;
-    case 0x77:
-        return p3 == 0x23 ? ReplyAction::Hold : ReplyAction::Queue;
-    case 0x79:
-        switch (p3) {
-        case 0x09:
-        case 0x0A:
-        case 0x0C:
-        case 0x12:
-        case 0x13:
-        case 0x17:
-            return ReplyAction::DeliverAtOnce;
-        default:
-            return ReplyAction::Hold;
-        }
-    case 0x69:
-        return p3 == 0x09 ? ReplyAction::Hold : ReplyAction::Queue;
-    case 0x00:
-        return (p1 == 0 && reply.checksumByte == 0) ? ReplyAction::BlockData : ReplyAction::Queue;
-    default:
-        return ReplyAction::Queue;
-    }
-}
-
 std::optional<ProtocolData> combineReplyWithBlock(const QByteArray &blockData, const QByteArray &heldReply)
 {
     if (heldReply.isEmpty() || blockData.isEmpty())
         return std::nullopt;
     ProtocolData record = parseReplyDatagram(heldReply);
-    const int fixed = fixedBlockPayload(record.paramBytes[1], record.paramBytes[2]);
+    const int fixed = fixedBlockPayload(record);
     if (fixed > 0) {
         record.payload = blockData.left(fixed);
         return record;

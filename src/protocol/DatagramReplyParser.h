@@ -9,6 +9,7 @@
 #include "ModulelEnum.h"
 #include "ProtocolData.h"
 
+#include "ReplyRules.h"
 #include "ReplySink.h"
 
 namespace comm {
@@ -34,23 +35,10 @@ int combineTwoByte(unsigned char low, unsigned char high);
 // and the third text member.
 ProtocolData parseReplyDatagram(const QByteArray &datagram);
 
-// What becomes of a parsed datagram, decided by its parameter bytes.
-enum class ReplyAction {
-    Queue,         // the sink hands the record over from a detached thread
-    DeliverAtOnce, // the sink hands the record over before the next datagram is read
-    Hold,          // keep the datagram until its announced block data is in
-    BlockData,     // the datagram is block data for the held reply
-};
-
-// The dispatch on P2, then P3 (and P1, P5, P6 and the check byte where they
-// matter). 0xF1 and 0x79 hold on every P3 but the listed ones; the other
-// command groups hold only on the listed ones.
-ReplyAction replyAction(const ProtocolData &reply);
-
 // Joins a held reply datagram and the block data gathered for it into one
-// record, whose payload is the first 129 bytes (P2/P3 8B/09, 69/09, 77/23),
-// the first 145 bytes (8B/05), or otherwise the first L bytes, L being the
-// signed length in P5 (low) and P6 (high). Returns nothing when either input
+// record, whose payload is the first N bytes where the reply's row in
+// kReplyRules fixes N (fixedBlockPayload), or otherwise the first L bytes, L
+// being the signed length in P5 (low) and P6 (high). Returns nothing when either input
 // is empty, when L is 0 or negative, or when fewer than L bytes are there: the
 // waiting side is then only woken. The fixed rows take what there is.
 // The record keeps the sender text and device type of a fresh record.

@@ -38,13 +38,6 @@ StreamReassemblyConfig StreamReassemblyConfig::usb()
     return {2, QStringLiteral("USB"), 20, false, 200, 20, false, QStringLiteral("PortUSB::getArrayData   dataStr==")};
 }
 
-bool announcesBlock(const ProtocolData &record)
-{
-    const quint8 b2 = record.paramBytes[1];
-    const quint8 b3 = record.paramBytes[2];
-    return b2 == 0x79 || b2 == 0xE1 || (b2 == 0x8E && b3 == 0x27);
-}
-
 unsigned short announcedBlockLength(const ProtocolData &record)
 {
     return static_cast<unsigned short>(record.paramBytes[4] + 256 * record.paramBytes[5]);

@@ -10,6 +10,7 @@
 
 #include "ModulelEnum.h"
 #include "ProtocolData.h"
+#include "ReplyRules.h"
 
 namespace comm {
 
@@ -27,9 +28,9 @@ struct StreamReassemblyConfig
     QString sourceText;
     // Sleep at the start of every worker turn, in milliseconds.
     int turnSleepMs = 3;
-    // Whether a frame is checked for a block announcement and its block
-    // waited for (serial). Without it every valid frame is queued at once with an empty
-    // payload (USB).
+    // Whether a frame is checked for a block announcement (the stream column
+    // of kReplyRules) and its block waited for (serial). Without it every
+    // valid frame is queued at once with an empty payload (USB).
     bool framesAnnounceBlocks = true;
     // The block wait: how many times it looks for the whole block, and how
     // long it sleeps after each look that finds too few bytes.
@@ -140,10 +141,6 @@ private:
     QString m_sourceText;
     std::atomic<ModulelEnum::DeviceType> m_deviceType{ModulelEnum::DeviceUnknown};
 };
-
-// Whether a reply's parameter bytes announce a raw block after the frame:
-// B2 = 0x79, B2 = 0xE1, or B2 = 0x8E with B3 = 0x27.
-bool announcesBlock(const ProtocolData &record);
 
 // The block length a reply announces: B5 + 256 * B6.
 unsigned short announcedBlockLength(const ProtocolData &record);

@@ -5,8 +5,14 @@
 
 namespace comm {
 
-// A bound socket's descriptor and address family (AF_INET or AF_INET6),
-// looked up once when it is bound rather than on every datagram.
+// Datagram sends on the network transport's socket, with the system's own
+// calls. One implementation per system (NativeDatagram_unix.cpp: BSD
+// sockets); see docs/porting.md.
+
+// A bound socket's descriptor (as QAbstractSocket::socketDescriptor gives it)
+// and address family, looked up once when it is bound rather than on every
+// datagram. The family is the system's own number for it, which only
+// boundSocket sets and only sendDatagram reads.
 struct BoundSocket
 {
     qintptr descriptor = -1;

@@ -1,3 +1,4 @@
+// Datagram sends on BSD sockets (Linux and other Unix systems).
 #include "NativeDatagram.h"
 
 #include <cerrno>
