@@ -9,6 +9,7 @@ set(COMM_HIDAPI_MODULE hidapi-hidraw)
 set(COMM_OS_SOURCES
     core/DetachedThread_unix.cpp       # DetachedThread.h: POSIX threads
     core/WakeEvent_linux.cpp           # WakeEvent.h: an event file descriptor
+    core/SocketName_unix.cpp           # SocketName.h: a socket's own address
     transports/NativeDatagram_unix.cpp # NativeDatagram.h: BSD sockets
     transports/HidrawScan_linux.cpp    # HidrawScan.h: sysfs's hidraw class folder
 )
