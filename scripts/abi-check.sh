@@ -48,9 +48,13 @@ current="$build/Comm_Module-$version.dump"
 abi-dumper "$library" -o "$current" -lver "$version" -public-headers "$headers" -quiet >/dev/null
 baseline="abi/Comm_Module.so.$major.dump"
 
+# abi-compliance-checker, then the virtual tables slot by slot: the checker
+# misses a virtual function the library does not export (one defined in a
+# header), which moves the slots after it all the same.
 compare() {
     abi-compliance-checker -l Comm_Module -binary -old "$1" -new "$2" \
-        -report-path "$build/compat_report.html" -quiet >"$build/compare.log" 2>&1
+        -report-path "$build/compat_report.html" -quiet >"$build/compare.log" 2>&1 || return $?
+    /usr/bin/python3 scripts/abi-vtables.py "$1" "$2" >>"$build/compare.log" 2>&1
 }
 
 if [ -n "$update" ]; then
@@ -73,7 +77,7 @@ compare "$baseline" "$current" || status=$?
 case "$status" in
     0) echo "abi-check: libComm_Module $version is compatible with $baseline" ;;
     1) echo "abi-check: libComm_Module $version breaks the binary interface of $baseline (report: $build/compat_report.html):" >&2
-       grep -iE 'problem|incompatib|verdict' "$build/compare.log" >&2 || true
+       grep -iE 'problem|incompatib|verdict|abi-vtables' "$build/compare.log" >&2 || true
        echo "An incompatible change needs a new SONAME: raise the major version, then scripts/abi-check.sh --update." >&2 ;;
     *) cat "$build/compare.log" >&2
        echo "abi-check: abi-compliance-checker failed ($status)" >&2

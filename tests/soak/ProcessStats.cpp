@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <map>
 #include <set>
 #include <string>
 #include <unistd.h>
@@ -99,6 +100,59 @@ int allDescriptors()
 
 int openDescriptors()
 {
+    return int(openDescriptorTargets().size());
+}
+
+namespace {
+// What kind of socket each inode of /proc/net's tables is, for a report:
+// "unix PATH" (or "unix" for one bound to none), "udp", "udp6", "tcp", "tcp6".
+std::map<std::string, std::string> socketKinds()
+{
+    std::map<std::string, std::string> kinds;
+    const char *const tables[] = {"unix", "udp", "udp6", "tcp", "tcp6", "netlink"};
+    for (const char *table : tables) {
+        FILE *file = std::fopen((std::string("/proc/net/") + table).c_str(), "re");
+        if (!file)
+            continue;
+        char line[4352];
+        for (int i = 0; i < 100000 && std::fgets(line, sizeof line, file); ++i) {
+            char inode[32] = {};
+            char extra[4096] = {};
+            const std::string name = table;
+            int fields = 0;
+            if (name == "unix")
+                fields = std::sscanf(line, "%*s %*s %*s %*s %*s %*s %31s %4095s", inode, extra);
+            else if (name == "netlink")
+                fields = std::sscanf(line, "%*s %*s %*s %*s %*s %*s %*s %*s %*s %31s", inode);
+            else
+                fields = std::sscanf(line, "%*s %4095s %*s %*s %*s %*s %*s %*s %*s %31s", extra, inode);
+            if (fields >= 1 && inode[0] >= '0' && inode[0] <= '9')
+                kinds[std::string("socket:[") + inode + "]"] = name + (extra[0] ? std::string(" ") + extra : "");
+        }
+        std::fclose(file);
+    }
+    return kinds;
+}
+} // namespace
+
+std::vector<std::string> describedDescriptors()
+{
+    const std::map<std::string, std::string> kinds = socketKinds();
+    std::vector<std::string> out;
+    for (std::string target : openDescriptorTargets()) {
+        const std::size_t arrow = target.find(" -> ");
+        if (arrow != std::string::npos) {
+            const auto kind = kinds.find(target.substr(arrow + 4));
+            if (kind != kinds.end())
+                target += " (" + kind->second + ")";
+        }
+        out.push_back(target);
+    }
+    return out;
+}
+
+std::vector<std::string> openDescriptorTargets()
+{
     // The emulated USB device keeps two descriptors of every device it ever
     // plugged in until the testbed goes: the device's side of the node, which
     // an unplug points at /dev/null instead of closing, and the socket that
@@ -108,7 +162,8 @@ int openDescriptors()
     std::set<std::string> emulation;
     if (const char *testbed = std::getenv("UMOCKDEV_DIR"); testbed && *testbed)
         emulation = socketsUnder(std::string(testbed) + "/ioctl/");
-    return countEntries("/proc/self/fd", [&emulation](DIR *dir, const dirent *entry) {
+    std::vector<std::string> targets;
+    countEntries("/proc/self/fd", [&emulation, &targets](DIR *dir, const dirent *entry) {
         if (listingItself(dir, entry))
             return false;
         char link[4096] = {};
@@ -117,8 +172,12 @@ int openDescriptors()
         if (n <= 0)
             return false; // closed meanwhile
         const std::string target(link, size_t(n));
-        return target != "/dev/null" && emulation.count(target) == 0;
+        if (target == "/dev/null" || emulation.count(target) != 0)
+            return false;
+        targets.push_back(std::string(entry->d_name) + " -> " + target);
+        return true;
     });
+    return targets;
 }
 
 qint64 heapKiB()

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <string>
+#include <vector>
+
 #include <QtGlobal>
 
 // What the soak watches of its own process, read from /proc/self.
@@ -17,6 +20,10 @@ int threadCount();
 // those grow by design with every unplug, and are no descriptors of the
 // library's or the soak's.
 int openDescriptors();
+// What openDescriptors() counts, as "N -> target" (for a report).
+std::vector<std::string> openDescriptorTargets();
+// The same, sockets with their kind from /proc/net ("N -> socket:[I] (udp 0100007F:1F90)").
+std::vector<std::string> describedDescriptors();
 // Every open file descriptor, those of the emulation included: what counts
 // against the process's descriptor limit.
 int allDescriptors();

@@ -253,7 +253,8 @@ int runSoak(const Options &options)
     Samples samples;
     samples.take();
     const int threadsAtStart = threadCount();
-    const int descriptorsAtStart = openDescriptors();
+    const std::vector<std::string> startTargets = describedDescriptors();
+    const int descriptorsAtStart = int(startTargets.size());
 
     FactorySwitch factory(rig);
     Disruptions disruptions(rig, factory);
@@ -365,10 +366,19 @@ int runSoak(const Options &options)
         failures << QStringLiteral("%1 threads once every transport was deleted, %2 before the first was made")
                         .arg(threadsAtEnd)
                         .arg(threadsAtStart);
-    if (descriptorsAtEnd > descriptorsAllowed)
+    if (descriptorsAtEnd > descriptorsAllowed) {
         failures << QStringLiteral("%1 descriptors once every transport was deleted, %2 before the first was made")
                         .arg(descriptorsAtEnd)
                         .arg(descriptorsAtStart);
+        const auto list = [](const std::vector<std::string> &targets) {
+            QStringList out;
+            for (const std::string &target : targets)
+                out << QString::fromStdString(target);
+            return out.join(QStringLiteral(", "));
+        };
+        say(QStringLiteral("descriptors at the start: ") + list(startTargets));
+        say(QStringLiteral("descriptors at the end: ") + list(describedDescriptors()));
+    }
     if (samples.maxThreads > threadsAtStart + kMostThreadsAboveStart)
         failures << QStringLiteral("%1 threads at the most, more than %2 above the %3 at the start")
                         .arg(samples.maxThreads)
