@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Turns the benchmark programs' JSON output into one table of figures, each
 beside its baseline measured in the same run, and writes the table as JSON.
 

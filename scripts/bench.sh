@@ -7,7 +7,7 @@
 # The memory figures run a second time in the AddressSanitizer build, where
 # LeakSanitizer counts what is left unreleased; that build sends a quarter of
 # the replies (the same mix), so that the run fits its deadline.
-#   python3 bench/report.py --compare build/bench-results build/bench-results-qt6
+#   /usr/bin/python3 bench/report.py --compare build/bench-results build/bench-results-qt6
 # sets the two runs' ratios side by side.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -58,5 +58,5 @@ ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp" \
     build/$asan_preset/bench/e2e_comm --sections memory-replies,memory-switches --out "$out/e2e_comm_asan.json" >&2 || status=1
 
 echo "Machine: $(nproc) processors, load average $(cut -d' ' -f1-3 /proc/loadavg) at the end of the run"
-python3 bench/report.py "$out"
+/usr/bin/python3 bench/report.py "$out"
 exit $status

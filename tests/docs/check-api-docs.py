@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Checks the API reference's XML output: every operation (function,
 constructor, destructor, signal, slot) of the public headers has a "Threads:"
 and a "Logs:" paragraph, and says what it returns: a \\return section, or

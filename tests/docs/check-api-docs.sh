@@ -12,4 +12,4 @@ if ! cmake --build "$build_dir" --target docs; then
     echo "API reference: the docs target failed (see the warnings above)" >&2
     exit 1
 fi
-python3 "$(dirname "$0")/check-api-docs.py" "$xml_dir"
+/usr/bin/python3 "$(dirname "$0")/check-api-docs.py" "$xml_dir"
