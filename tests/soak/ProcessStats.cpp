@@ -48,45 +48,26 @@ bool listingItself(DIR *dir, const dirent *entry)
     return std::atoi(entry->d_name) == ::dirfd(dir);
 }
 
-// The inodes of the Unix sockets bound under path (from /proc/net/unix, whose
-// lines end in the inode and, for a bound socket, its path).
-std::set<std::string> socketsUnder(const std::string &path)
+// The Unix sockets of the process's network namespace, "socket:[inode]" to
+// the path each is bound to (empty for one bound to none), from
+// /proc/net/unix, whose lines end in the inode and, for a bound socket, its path.
+std::map<std::string, std::string> unixSocketPaths()
 {
-    std::set<std::string> inodes;
+    std::map<std::string, std::string> paths;
     FILE *table = std::fopen("/proc/self/net/unix", "re");
     if (!table)
-        return inodes;
-    char line[4096];
-    for (int i = 0; i < 1000000 && std::fgets(line, sizeof line, table); ++i) {
-        char inode[32] = {};
-        char bound[4096] = {};
-        // Num RefCount Protocol Flags Type St Inode Path
-        if (std::sscanf(line, "%*s %*s %*s %*s %*s %*s %31s %4095s", inode, bound) == 2
-            && std::strncmp(bound, path.c_str(), path.size()) == 0)
-            inodes.insert(std::string("socket:[") + inode + "]");
-    }
-    std::fclose(table);
-    return inodes;
-}
-
-// The inodes of the Unix sockets bound to no path, as "socket:[inode]".
-std::set<std::string> unboundUnixSockets()
-{
-    std::set<std::string> inodes;
-    FILE *table = std::fopen("/proc/net/unix", "re");
-    if (!table)
-        return inodes;
+        return paths;
     char line[4352];
-    for (int i = 0; i < 100000 && std::fgets(line, sizeof line, table); ++i) {
+    for (int i = 0; i < 1000000 && std::fgets(line, sizeof line, table); ++i) {
         char inode[32] = {};
         char bound[4096] = {};
         // Num RefCount Protocol Flags Type St Inode [Path]
         const int fields = std::sscanf(line, "%*s %*s %*s %*s %*s %*s %31s %4095s", inode, bound);
-        if (fields == 1 && inode[0] >= '0' && inode[0] <= '9')
-            inodes.insert(std::string("socket:[") + inode + "]");
+        if (fields >= 1 && inode[0] >= '0' && inode[0] <= '9')
+            paths[std::string("socket:[") + inode + "]"] = fields == 2 ? bound : "";
     }
     std::fclose(table);
-    return inodes;
+    return paths;
 }
 } // namespace
 
@@ -186,9 +167,11 @@ std::vector<std::string> openDescriptorTargets()
     // open (runs of thousands of unplugs left about one in two hundred).
     std::set<std::string> emulation;
     if (const char *testbed = std::getenv("UMOCKDEV_DIR"); testbed && *testbed) {
-        emulation = socketsUnder(std::string(testbed) + "/ioctl/");
-        const std::set<std::string> unbound = unboundUnixSockets();
-        emulation.insert(unbound.begin(), unbound.end());
+        const std::string ioctlFolder = std::string(testbed) + "/ioctl/";
+        for (const auto &[socket, path] : unixSocketPaths()) {
+            if (path.empty() || path.compare(0, ioctlFolder.size(), ioctlFolder) == 0)
+                emulation.insert(socket);
+        }
     }
     std::vector<std::string> targets;
     countEntries("/proc/self/fd", [&emulation, &targets](DIR *dir, const dirent *entry) {
